@@ -1,0 +1,29 @@
+# What `cmake --install` puts where: the headers, the library, the CMake package `kor` and the pkg-config file `kor`.
+
+include(CMakePackageConfigHelpers)
+
+set(KOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kor)
+
+install(TARGETS kor EXPORT korTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kor FILES_MATCHING PATTERN "*.h")
+install(EXPORT korTargets NAMESPACE kor:: DESTINATION ${KOR_CMAKE_DIR})
+
+configure_package_config_file(cmake/korConfig.cmake.in ${PROJECT_BINARY_DIR}/korConfig.cmake
+  INSTALL_DESTINATION ${KOR_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/korConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/korConfig.cmake ${PROJECT_BINARY_DIR}/korConfigVersion.cmake
+  DESTINATION ${KOR_CMAKE_DIR})
+
+# Relative to its own place, so that an installed tree may be moved.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  set(KOR_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+else()
+  file(RELATIVE_PATH KOR_PC_UP /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+  string(REGEX REPLACE "/$" "" KOR_PC_UP ${KOR_PC_UP})
+  set(KOR_PC_PREFIX "\${pcfiledir}/${KOR_PC_UP}")
+endif()
+configure_file(cmake/kor.pc.in ${PROJECT_BINARY_DIR}/kor.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kor::detail {
+
+/// What lies in front of every block of `jAllocator`. The tracker's books live here, so that registering a
+/// block needs neither memory nor a lookup.
+struct alignas(std::max_align_t) BlockHeader {
+    BlockHeader* prev = nullptr; ///< neighbours in the shard's list of live blocks
+    BlockHeader* next = nullptr;
+    const char* file = nullptr;
+    const char* label = nullptr;
+    std::size_t size = 0;
+    std::int32_t line = 0;
+    std::uint16_t shard = 0;
+    bool tracked = false; ///< linked into the list; read by the block's owner only
+    bool isArray = false;
+};
+
+inline void* blockOf(BlockHeader* header) {
+    return header + 1;
+}
+
+/// `block` must come from `jAllocator::localAlloc`.
+inline BlockHeader* headerOf(void* block) {
+    return static_cast<BlockHeader*>(block) - 1;
+}
+
+/// Takes a block out of the books. False when it was not in them.
+bool untrack(BlockHeader& header);
+
+} // namespace kor::detail

@@ -1,0 +1,7 @@
+#include <support/jStream.h>
+
+namespace kor {
+
+jStream::~jStream() = default;
+
+} // namespace kor

@@ -1,0 +1,108 @@
+#include "support/platform/Crc32cHardware.h"
+
+#if defined(__x86_64__)
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace kor::detail {
+
+namespace {
+
+constexpr std::uint32_t kReversedPolynomial = 0x82F63B78;
+constexpr std::size_t kMaxWords = 128; // per stream and round
+constexpr std::size_t kLeastWords = 4; // per stream; shorter data is done faster in one stream
+constexpr std::size_t kWordBytes = 8;
+
+/// Element n is x^(64 n - 33) modulo the polynomial, bits reversed: multiplied with a CRC and run through the
+/// CRC instruction, it moves that CRC past n words of zero.
+using Shifts = std::array<std::uint32_t, 2 * kMaxWords + 1>;
+
+constexpr Shifts makeShifts() {
+    Shifts shifts{};
+    std::uint32_t power = 1; // x^31
+    for (std::size_t n = 1; n < shifts.size(); ++n) {
+        shifts[n] = power;
+        for (int bit = 0; bit < 64; ++bit)
+            power = (power >> 1) ^ ((power & 1) != 0 ? kReversedPolynomial : 0);
+    }
+    return shifts;
+}
+
+constexpr Shifts kShifts = makeShifts();
+
+std::uint64_t load64(const std::uint8_t* from) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, from, sizeof word);
+    return word;
+}
+
+[[gnu::target("sse4.2,pclmul")]] std::uint64_t multiply(std::uint64_t crc, std::uint32_t shift) {
+    const __m128i product = _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(crc)),
+                                                 _mm_cvtsi64_si128(static_cast<long long>(shift)), 0);
+    return static_cast<std::uint64_t>(_mm_cvtsi128_si64(product));
+}
+
+/// Three neighbouring streams of `words` words each: the instruction takes three cycles, but starts one every
+/// cycle.
+[[gnu::target("sse4.2,pclmul")]] std::uint64_t threeStreams(std::uint64_t crc, const std::uint8_t* data,
+                                                            std::size_t words) {
+    const std::size_t stride = words * kWordBytes;
+    const std::uint8_t* const last = data + stride - kWordBytes;
+    std::uint64_t second = 0;
+    std::uint64_t third = 0;
+    for (; data != last; data += kWordBytes) {
+        crc = _mm_crc32_u64(crc, load64(data));
+        second = _mm_crc32_u64(second, load64(data + stride));
+        third = _mm_crc32_u64(third, load64(data + 2 * stride));
+    }
+    crc = _mm_crc32_u64(crc, load64(data));
+    second = _mm_crc32_u64(second, load64(data + stride));
+    return _mm_crc32_u64(third, load64(data + 2 * stride) ^ multiply(crc, kShifts[2 * words]) ^
+                                    multiply(second, kShifts[words]));
+}
+
+} // namespace
+
+bool crc32cHardwareAvailable() {
+    static const bool available = __builtin_cpu_supports("sse4.2") && __builtin_cpu_supports("pclmul");
+    return available;
+}
+
+[[gnu::target("sse4.2,pclmul")]] std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data,
+                                                              std::size_t size) {
+    std::uint64_t sum = ~crc;
+    while (size >= 3 * kLeastWords * kWordBytes) {
+        const std::size_t words = std::min(size / (3 * kWordBytes), kMaxWords);
+        sum = threeStreams(sum, data, words);
+        data += 3 * words * kWordBytes;
+        size -= 3 * words * kWordBytes;
+    }
+    for (; size >= kWordBytes; data += kWordBytes, size -= kWordBytes)
+        sum = _mm_crc32_u64(sum, load64(data));
+    auto result = static_cast<std::uint32_t>(sum);
+    for (; size > 0; ++data, --size)
+        result = _mm_crc32_u8(result, *data);
+    return ~result;
+}
+
+} // namespace kor::detail
+
+#else
+
+namespace kor::detail {
+
+bool crc32cHardwareAvailable() {
+    return false;
+}
+
+std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t*, std::size_t) {
+    return crc;
+}
+
+} // namespace kor::detail
+
+#endif

@@ -1,0 +1,53 @@
+#include "support/platform/KernelStamps.h"
+
+#include <support/jTimer.h>
+
+#include <ctime>
+
+namespace kor::detail {
+
+namespace {
+
+constexpr int kTries = 4;
+constexpr Nanoseconds kGoodBracket = kMicrosecond;
+constexpr Nanoseconds kLeastStep = 10 * kMicrosecond;
+
+} // namespace
+
+Nanoseconds wallClockNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return Nanoseconds{now.tv_sec} * kSecond + now.tv_nsec;
+}
+
+ClockPair readClockPair() {
+    ClockPair best;
+    best.bracket = kNever;
+    for (int i = 0; i < kTries && best.bracket > kGoodBracket; ++i) {
+        const Nanoseconds before = clockNow();
+        const Nanoseconds wall = wallClockNow();
+        const Nanoseconds bracket = clockNow() - before;
+        if (bracket < best.bracket)
+            best = {before + bracket / 2, wall, bracket};
+    }
+    return best;
+}
+
+void KernelStamps::update(const ClockPair& now) {
+    const Nanoseconds step = elapsed(now.wall - now.ours, now_.wall - now_.ours);
+    const Nanoseconds doubt = kLeastStep + now.bracket + now_.bracket;
+    if (started_ && (step > doubt || step < -doubt))
+        distrustUntil_ = now.ours + kMaxAge;
+    now_ = now;
+    started_ = true;
+    if (now.ours >= distrustUntil_)
+        distrustUntil_ = INT64_MIN;
+}
+
+Nanoseconds KernelStamps::arrival(Nanoseconds stamp) const {
+    const Nanoseconds age = elapsed(now_.wall, stamp);
+    const bool trusted = distrustUntil_ == INT64_MIN && age >= 0 && age <= kMaxAge;
+    return trusted ? now_.ours - age : now_.ours;
+}
+
+} // namespace kor::detail

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "support/net/Time.h"
+#include "support/platform/SocketAddress.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+namespace kor::detail {
+
+/// What the kernel handed over at once from one sender: one datagram, or several of equal size (the last may
+/// be shorter) that it joined.
+struct ReceivedRun {
+    SocketAddress from;
+    std::span<const std::uint8_t>
+        bytes;                   ///< all datagrams back to back; valid until the batch is filled again
+    std::size_t segmentSize = 0; ///< size of each datagram but the last; never 0 unless `bytes` is empty
+    Nanoseconds arrival = 0;     ///< of the first of them, on our clock; never later than its reading
+
+    /// At least 1: an empty datagram counts.
+    std::size_t datagramCount() const {
+        return bytes.empty() ? 1 : (bytes.size() + segmentSize - 1) / segmentSize;
+    }
+
+    /// Datagram `i` of `datagramCount()`.
+    std::span<const std::uint8_t> datagram(std::size_t i) const {
+        const std::size_t begin = i * segmentSize;
+        return bytes.subspan(begin, std::min(segmentSize, bytes.size() - begin));
+    }
+};
+
+/// Room for what one receiving call takes in. Allocated once and may serve several sockets of one thread in
+/// turn.
+///
+/// Every slot holds the largest datagram, and so also the largest run that the kernel joins; pages of it
+/// become resident only as they are used.
+class ReceiveBatch {
+public:
+    static constexpr std::size_t kSlots = 32;
+    static constexpr std::size_t kSlotBytes = 64 * 1024;
+
+    ReceiveBatch();
+    ReceiveBatch(const ReceiveBatch&) = delete;
+    ReceiveBatch& operator=(const ReceiveBatch&) = delete;
+    ~ReceiveBatch();
+
+    std::size_t size() const { return count_; }
+    const ReceivedRun& operator[](std::size_t i) const { return runs_[i]; }
+    const ReceivedRun* begin() const { return runs_.get(); }
+    const ReceivedRun* end() const { return runs_.get() + count_; }
+
+    /// True when every slot was used, so that more may be waiting.
+    bool full() const { return count_ == kSlots; }
+
+private:
+    friend class UdpSocket;
+    struct Headers;
+
+    void reset();
+    std::uint8_t* slot(std::size_t i) { return bytes_.get() + i * kSlotBytes; }
+
+    std::unique_ptr<std::uint8_t[]> bytes_;
+    std::unique_ptr<Headers> headers_;
+    std::unique_ptr<ReceivedRun[]> runs_;
+    std::size_t count_ = 0;
+};
+
+} // namespace kor::detail
