@@ -1,0 +1,51 @@
+#include "support/net/Block.h"
+
+#include <support/jAllocator.h>
+#include <support/memInfo.h>
+
+#include <cstring>
+#include <utility>
+
+namespace kor::detail {
+
+namespace {
+constexpr const char* kSource = "support/net/Block";
+}
+
+Block::Block(Block&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+
+Block& Block::operator=(Block&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    return *this;
+}
+
+Block::~Block() {
+    if (data_ == nullptr)
+        return;
+    memRemoveInfo(data_, kSource, __LINE__, "Block::~Block");
+    jAllocator::get()->localFree(data_);
+}
+
+Block Block::allocate(std::uint32_t size) {
+    Block block;
+    block.data_ = static_cast<unsigned char*>(jAllocator::get()->localAlloc(size));
+    block.size_ = size;
+    memAddInfo(block.data_, true, kSource, __LINE__, "Block::allocate", size);
+    return block;
+}
+
+unsigned char* Block::release() {
+    size_ = 0;
+    return std::exchange(data_, nullptr);
+}
+
+void Block::grow(std::uint32_t size, std::uint32_t keep) {
+    Block larger = allocate(size);
+    if (keep != 0)
+        std::memcpy(larger.data_, data_, keep);
+    *this = std::move(larger);
+}
+
+} // namespace kor::detail

@@ -1,0 +1,59 @@
+#include "support/net/Crc32c.h"
+
+#include "support/net/LittleEndian.h"
+#include "support/platform/Crc32cHardware.h"
+
+#include <array>
+#include <cstddef>
+
+namespace kor::detail {
+
+namespace {
+
+constexpr std::uint32_t kReversedPolynomial = 0x82F63B78;
+
+using Tables = std::array<std::array<std::uint32_t, 256>, 8>;
+
+/// Table k advances a byte past k bytes of zero that follow it.
+constexpr Tables makeTables() {
+    Tables tables{};
+    for (std::uint32_t byte = 0; byte < 256; ++byte) {
+        std::uint32_t crc = byte;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? kReversedPolynomial : 0);
+        tables[0][byte] = crc;
+    }
+    for (std::size_t k = 1; k < 8; ++k)
+        for (std::size_t byte = 0; byte < 256; ++byte) {
+            const std::uint32_t crc = tables[k - 1][byte];
+            tables[k][byte] = (crc >> 8) ^ tables[0][crc & 0xFF];
+        }
+    return tables;
+}
+
+constexpr Tables kTables = makeTables();
+
+} // namespace
+
+std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
+    static const bool hardware = crc32cHardwareAvailable();
+    return hardware ? crc32cHardware(crc, bytes.data(), bytes.size()) : crc32cPortable(bytes, crc);
+}
+
+std::uint32_t crc32cPortable(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
+    const std::uint8_t* next = bytes.data();
+    std::size_t left = bytes.size();
+    crc = ~crc;
+    for (; left >= 8; next += 8, left -= 8) {
+        const std::uint32_t low = load32(next) ^ crc;
+        const std::uint32_t high = load32(next + 4);
+        crc = kTables[7][low & 0xFF] ^ kTables[6][low >> 8 & 0xFF] ^ kTables[5][low >> 16 & 0xFF] ^
+              kTables[4][low >> 24] ^ kTables[3][high & 0xFF] ^ kTables[2][high >> 8 & 0xFF] ^
+              kTables[1][high >> 16 & 0xFF] ^ kTables[0][high >> 24];
+    }
+    for (; left > 0; ++next, --left)
+        crc = (crc >> 8) ^ kTables[0][(crc ^ *next) & 0xFF];
+    return ~crc;
+}
+
+} // namespace kor::detail

@@ -1,0 +1,176 @@
+#pragma once
+
+#include "support/net/ConnectAttempt.h"
+#include "support/net/Connection.h"
+#include "support/net/HandshakeCookie.h"
+#include "support/net/NetEvent.h"
+#include "support/net/Ring.h"
+#include "support/net/WakeQueue.h"
+
+#include <support/NetStatistics.h>
+#include <support/RTAddr.h>
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+namespace kor::detail {
+
+struct EndpointConfig {
+    ConnectionParameters mine;
+    std::uint32_t maxPeers = 1024;
+    Nanoseconds timeout = 2 * kSecond;
+    Nanoseconds longestRepairWait = 250 * kMillisecond;
+    Nanoseconds longestClockDelay = kSecond;
+    SipKey cookieSecret{};
+    std::function<std::uint64_t()>
+        random; ///< for nonces and connection ids; unpredictable outside of simulations
+    std::uint64_t firstPacketId = 1;
+    std::uint64_t firstNumber = 1;
+};
+
+/// Datagrams on their way out.
+struct Outgoing {
+    std::size_t socket = 0;
+    RTAddr to;
+    std::span<const std::uint8_t> bytes;
+    std::size_t segment = 0;  ///< size of each datagram in `bytes`; the last may be shorter
+    bool stamped = false;     ///< to be sent at once
+    std::uint64_t serial = 0; ///< the connection; 0 for handshakes
+};
+
+/// Where an endpoint's datagrams go.
+class DatagramSink {
+public:
+    /// Takes the datagrams (the bytes are gone after the call). False: has no room for more; these have been
+    /// taken.
+    virtual bool send(const Outgoing& outgoing) = 0;
+
+protected:
+    ~DatagramSink() = default;
+};
+
+/// All connections of one layer, the handshakes and the strangers, without socket, thread or clock.
+///
+/// Nothing is kept for a stranger until he has returned a cookie, and no answer to one is larger than what he
+/// sent. Not thread-safe.
+class Endpoint {
+public:
+    Endpoint(EndpointConfig config, Nanoseconds now);
+
+    /// Takes in one datagram that arrived at `arrival` on local socket `socket`.
+    void onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+                    Nanoseconds arrival);
+
+    enum class Connect { started, connected, pending };
+    /// Begins to connect from local socket 0. Every call is answered by one `connected` or `failed` event,
+    /// except that calls to a peer with an attempt under way share its outcome.
+    Connect connect(const RTAddr& to, Nanoseconds tryDuration, int tries, Nanoseconds now);
+
+    /// Reports a failed attempt to an address that cannot be tried.
+    void reportFailed(std::uint64_t addressKey);
+
+    /// Null when the connection has ended.
+    const Connection* find(std::uint64_t serial) const;
+    /// Serial of the connection to that peer; 0 when there is none.
+    std::uint64_t serialOf(std::uint64_t addressKey) const;
+    std::uint32_t connectionCount() const { return static_cast<std::uint32_t>(peers_.size()); }
+
+    /// Queues a packet; dropped when the connection has ended.
+    void send(std::uint64_t serial, Block bytes);
+
+    /// A `packet` event has been passed on or dropped.
+    void handedUp(std::uint64_t serial, std::uint32_t size, Nanoseconds now);
+
+    void onTooBig(std::uint64_t serial, std::size_t size, Nanoseconds now);
+
+    /// Sends what is due, each peer one train in turn; at most `maxTrains`, so that the caller can read in
+    /// between.
+    void poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink, int maxTrains);
+
+    /// When poll() has something to do next; may lie in the past.
+    Nanoseconds nextWake() const;
+
+    Ring<NetEvent>& events() { return events_; }
+
+    /// Sends one goodbye to every peer.
+    void sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink);
+
+    void setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay);
+
+    /// Adds what this endpoint and its connections have counted.
+    void addStatistics(NetStatistics& statistics) const;
+
+private:
+    struct Peer {
+        RTAddr addr;
+        std::size_t socket = 0;
+        std::uint64_t nonce = 0;
+        Nanoseconds established = 0;
+        Nanoseconds tryDuration = 0; ///< connecting side: how to connect again
+        int tries = 0;
+        std::unique_ptr<Connection> connection;
+        Nanoseconds wake = kNever;
+        std::size_t wakeIndex = 0;
+    };
+    /// What tells a late copy of the handshake that made a connection from a new one.
+    struct Ended {
+        std::uint64_t nonce = 0;
+        Nanoseconds established = 0;
+    };
+    struct Reply {
+        std::size_t socket = 0;
+        RTAddr to;
+        std::size_t size = 0;
+        std::array<std::uint8_t, kHandshakeBytes> bytes;
+    };
+    static constexpr std::size_t kMaxReplies = 512; ///< waiting to be sent; more are dropped
+    static constexpr Nanoseconds kStopped =
+        kSecond / 2; ///< a longer pause of our own means that we were stopped
+
+    void onData(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+                Nanoseconds arrival);
+    void onRequest(std::size_t socket, const RTAddr& from, Nanoseconds now);
+    void onChallenge(const RTAddr& from, Nanoseconds now);
+    void onResponse(std::size_t socket, const RTAddr& from, Nanoseconds now);
+    void onAccept(std::size_t socket, const RTAddr& from, Nanoseconds now);
+    void onReset(const RTAddr& from, Nanoseconds now);
+    void countMalformed(DecodeError error);
+    Reply* reply(std::size_t socket, const RTAddr& to);
+    void replyReset(std::size_t socket, const RTAddr& to, const DatagramHeader& header, Nanoseconds now);
+    Peer& establish(std::size_t socket, const RTAddr& addr, std::uint64_t connectionId, bool initiator,
+                    Nanoseconds roundTrip, Nanoseconds now);
+    bool isOutdated(std::uint64_t addressKey, std::uint64_t nonce, Nanoseconds cookieTime) const;
+    void remember(const Peer& peer);
+    void beginAttempt(const RTAddr& to, Nanoseconds tryDuration, int tries, Nanoseconds now);
+    void end(Peer& peer, NetEvent::Kind kind);
+    void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
+    void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection->nextWake()); }
+    bool pollAttempts(Nanoseconds now, DatagramSink& sink);
+    bool sendReplies(DatagramSink& sink);
+    Peer* peerAt(const RTAddr& addr);
+
+    EndpointConfig config_;
+    CookieJar cookies_;
+    std::unordered_map<std::uint64_t, std::unique_ptr<Peer>> peers_; ///< by address key
+    std::unordered_map<std::uint64_t, Peer*> bySerial_;
+    std::unordered_map<std::uint64_t, ConnectAttempt> attempts_; ///< by address key
+    std::unordered_map<std::uint64_t, Ended> ended_;             ///< by address key
+    Nanoseconds endedFloor_ = kNow; ///< cookies up to that time make no connection
+    WakeQueue<Peer> wakes_;
+    std::vector<Reply> replies_;
+    Ring<NetEvent> events_;
+    std::uint64_t lastSerial_ = 0;
+    Nanoseconds lastPoll_ = 0;
+    Nanoseconds resetWindow_ = 0;
+    int resetsLeft_ = 0;
+    NetStatistics stats_;
+    MalformedCounters endedMalformed_; ///< of connections that have ended
+    std::unique_ptr<DecodedDatagram> decoded_;
+};
+
+} // namespace kor::detail

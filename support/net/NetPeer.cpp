@@ -1,0 +1,75 @@
+#include "support/net/NetPeer.h"
+
+#include "support/net/NetDriver.h"
+
+#include <cstring>
+#include <utility>
+
+namespace kor::detail {
+
+std::uint64_t NetPeer::enqueue(const void* data, int size) {
+    if (data == nullptr || size < 1 || static_cast<std::uint32_t>(size) > maxPacketBytes_)
+        return RTUser::kRefused;
+    const auto bytes = static_cast<std::uint32_t>(size);
+    if (!takes(bytes))
+        return RTUser::kRefused; // before the work of copying
+    Block block = Block::allocate(bytes);
+    std::memcpy(block.data(), data, bytes);
+
+    std::uint64_t id = 0;
+    bool first = false;
+    {
+        const std::lock_guard lock(sendMutex_);
+        if (!takes(bytes))
+            return RTUser::kRefused;
+        queuedBytes_ += bytes;
+        first = outbox_.empty();
+        outbox_.push_back(std::move(block));
+        id = undelivered_.end();
+        undelivered_.push(bytes);
+    }
+    if (first)
+        driver_.noteOutbox(serial_);
+    return id;
+}
+
+void NetPeer::takeOutbox(std::vector<Block>& blocks) {
+    blocks.clear();
+    const std::lock_guard lock(sendMutex_);
+    std::swap(blocks, outbox_);
+}
+
+std::uint64_t NetPeer::delivered() {
+    const std::lock_guard lock(sendMutex_);
+    if (undelivered_.empty())
+        return RTUser::kRefused;
+    const std::uint64_t id = undelivered_.begin();
+    queuedBytes_ -= undelivered_.front();
+    undelivered_.pop();
+    return id;
+}
+
+void NetPeer::close() {
+    std::vector<Block> unsent;
+    const std::lock_guard lock(sendMutex_);
+    open_ = false;
+    std::swap(unsent, outbox_);
+}
+
+void NetPeer::publish(const ClockEstimate& clock, Nanoseconds roundTrip) {
+    const std::lock_guard lock(measureMutex_);
+    clock_ = clock;
+    roundTrip_ = roundTrip;
+}
+
+ClockEstimate NetPeer::clock() const {
+    const std::lock_guard lock(measureMutex_);
+    return clock_;
+}
+
+Nanoseconds NetPeer::roundTrip() const {
+    const std::lock_guard lock(measureMutex_);
+    return roundTrip_;
+}
+
+} // namespace kor::detail

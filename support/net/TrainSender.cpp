@@ -1,0 +1,114 @@
+#include "support/net/TrainSender.h"
+
+#include <cstring>
+#include <utility>
+
+namespace kor::detail {
+
+bool TrainSender::send(const Outgoing& outgoing) {
+    if (blocked()) {
+        keep(outgoing, 0);
+        return false;
+    }
+    const bool single = outgoing.bytes.size() <= outgoing.segment;
+    if (!batch_ || !single || outgoing.stamped || outgoing.bytes.size() > kBatchBytes) {
+        if (!flush()) {
+            keep(outgoing, 0);
+            return false;
+        }
+        return sendNow(outgoing);
+    }
+    if (!gathered_.empty() && gatheredSocket_ != outgoing.socket && !flush()) {
+        keep(outgoing, 0);
+        return false;
+    }
+    std::uint8_t* slot = arena_.data() + gathered_.size() * kBatchBytes;
+    std::memcpy(slot, outgoing.bytes.data(), outgoing.bytes.size());
+    gatheredSocket_ = outgoing.socket;
+    gathered_.push_back({{outgoing.to.getIP(), outgoing.to.getPort()}, {slot, outgoing.bytes.size()}});
+    gatheredSerials_.push_back(outgoing.serial);
+    return gathered_.size() < kBatch || flush();
+}
+
+bool TrainSender::sendNow(const Outgoing& outgoing) {
+    std::size_t sent = 0;
+    while (sent < outgoing.bytes.size()) {
+        std::size_t part = 0;
+        const SendResult result =
+            sockets_[outgoing.socket]->sendTrain({outgoing.to.getIP(), outgoing.to.getPort()},
+                                                 outgoing.bytes.subspan(sent), outgoing.segment, part);
+        sent += part;
+        if (result == SendResult::sent)
+            break;
+        if (result == SendResult::blocked) {
+            keep(outgoing, sent);
+            return false;
+        }
+        if (result == SendResult::tooBig)
+            tooBig_.push_back({outgoing.serial, outgoing.segment});
+        // Refused for good: what is left counts as lost, and the connection repairs it.
+        break;
+    }
+    return true;
+}
+
+bool TrainSender::flush() {
+    std::size_t begin = 0;
+    bool room = true;
+    while (begin != gathered_.size() && room) {
+        std::size_t sent = 0;
+        const SendResult result = sockets_[gatheredSocket_]->sendBatch(
+            std::span<const OutDatagram>(gathered_).subspan(begin), sent);
+        begin += sent;
+        if (result == SendResult::sent)
+            break;
+        if (result == SendResult::blocked) {
+            room = false;
+            break;
+        }
+        if (result == SendResult::tooBig)
+            tooBig_.push_back({gatheredSerials_[begin], gathered_[begin].bytes.size()});
+        ++begin;
+    }
+    for (; !room && begin != gathered_.size(); ++begin) {
+        const OutDatagram& out = gathered_[begin];
+        keep({gatheredSocket_, RTAddr(out.to.ip, out.to.port), out.bytes, out.bytes.size(), false,
+              gatheredSerials_[begin]},
+             0);
+    }
+    gathered_.clear();
+    gatheredSerials_.clear();
+    return room;
+}
+
+void TrainSender::keep(const Outgoing& outgoing, std::size_t from) {
+    Waiting waiting;
+    waiting.socket = outgoing.socket;
+    waiting.to = outgoing.to;
+    waiting.segment = outgoing.segment;
+    waiting.serial = outgoing.serial;
+    waiting.bytes.assign(outgoing.bytes.begin() + static_cast<std::ptrdiff_t>(from), outgoing.bytes.end());
+    waiting_.push_back(std::move(waiting));
+}
+
+bool TrainSender::retry() {
+    std::deque<Waiting> waiting = std::exchange(waiting_, {});
+    while (!waiting.empty()) {
+        const Waiting& next = waiting.front();
+        if (!sendNow({next.socket, next.to, next.bytes, next.segment, false, next.serial})) {
+            // sendNow() has kept what is left of this one; the others follow behind it.
+            waiting.pop_front();
+            for (Waiting& later : waiting)
+                waiting_.push_back(std::move(later));
+            return false;
+        }
+        waiting.pop_front();
+    }
+    return true;
+}
+
+std::vector<TrainSender::TooBig> TrainSender::takeTooBig() {
+    return std::exchange(tooBig_, {});
+}
+
+} // namespace kor::detail

@@ -1,0 +1,197 @@
+#include "tests/simulation/world/World.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <vector>
+
+namespace kor::simulation {
+
+namespace {
+
+using detail::NetEvent;
+
+/// A master (host 0) and a slave (host 1) that connects again by itself.
+struct Pair {
+    explicit Pair(const WorldModel& model = {}) : world(model) {
+        world.addHost();
+        HostModel slave;
+        slave.reconnects = true;
+        world.addHost(slave);
+        world.host(1).connect(world.host(0));
+        world.runFor(50 * kMillisecond);
+    }
+
+    Host& master() { return world.host(0); }
+    Host& slave() { return world.host(1); }
+
+    /// Both directions, like the frames of a display and the reports about them.
+    void traffic(int count) {
+        const Nanoseconds start = world.now();
+        world.flow(master(), slave(), start, 4 * kMillisecond, count, [] { return 3000u; });
+        world.flow(slave(), master(), start, 16 * kMillisecond, count / 4, [] { return 38u; });
+    }
+
+    /// When each host was last told of an end of that kind.
+    Nanoseconds ended(bool initiator, NetEvent::Kind kind) {
+        Nanoseconds newest = kNever;
+        for (const auto& [id, connection] : world.ledger().connections())
+            if (connection.sides[initiator].ended && connection.sides[initiator].end == kind)
+                newest = connection.sides[initiator].endedAt;
+        return newest;
+    }
+
+    World world;
+};
+
+} // namespace
+
+TEST(Lifecycle, GoodbyeEndsBothSidesAtOnce) {
+    Pair pair;
+    const Nanoseconds start = pair.world.now();
+    pair.slave().model().reconnects = false;
+    pair.master().goodbye();
+    pair.world.runFor(50 * kMillisecond);
+    EXPECT_LT(pair.ended(true, NetEvent::Kind::disconnected) - start, 2 * kMillisecond);
+    pair.world.settle();
+    pair.world.rest();
+    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+}
+
+TEST(Lifecycle, LostGoodbyesAreRepeated) {
+    int told = 0;
+    for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+        WorldModel model;
+        model.seed = seed;
+        Pair pair(model);
+        pair.slave().model().reconnects = false;
+        pair.world.path(pair.master(), pair.slave()).loss = 0.1;
+        pair.master().goodbye();
+        pair.world.runFor(20 * kMillisecond);
+        told += pair.ended(true, NetEvent::Kind::disconnected) != kNever ? 1 : 0;
+    }
+    EXPECT_GE(told, 197); // three goodbyes: one in a thousand is not heard
+}
+
+TEST(Lifecycle, RestartedMasterIsRecognisedByItsFirstAnswer) {
+    Pair pair;
+    pair.traffic(500);
+    pair.world.runFor(100 * kMillisecond);
+    pair.master().kill();
+    pair.world.runFor(30 * kMillisecond);
+    pair.master().start();
+    const Nanoseconds back = pair.world.now();
+    pair.world.runFor(300 * kMillisecond);
+    EXPECT_LT(pair.ended(true, NetEvent::Kind::reconnecting) - back, 40 * kMillisecond);
+    EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr);
+    pair.world.settle();
+    pair.world.rest();
+    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+}
+
+TEST(Lifecycle, RestartedSlaveReplacesItsConnectionAtOnce) {
+    Pair pair;
+    pair.traffic(500);
+    pair.world.runFor(100 * kMillisecond);
+    pair.slave().kill();
+    pair.slave().start();
+    const Nanoseconds back = pair.world.now();
+    pair.slave().connect(pair.master());
+    pair.world.runFor(100 * kMillisecond);
+    EXPECT_LT(pair.ended(false, NetEvent::Kind::reconnecting) - back, 10 * kMillisecond);
+    pair.world.settle();
+    pair.world.rest();
+    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+}
+
+TEST(Lifecycle, ShortStopsKeepTheConnectionAndLoseNothing) {
+    for (const bool stopsMaster : {false, true}) {
+        Pair pair;
+        pair.traffic(600);
+        pair.world.runFor(50 * kMillisecond);
+        Host& stopped = pair.world.host(stopsMaster ? 0 : 1);
+        stopped.suspend();
+        pair.world.runFor(1500 * kMillisecond);
+        stopped.resume();
+        pair.world.settle();
+        pair.world.rest();
+        EXPECT_EQ(pair.world.ledger().connections().size(), 1u);
+        EXPECT_EQ(stopped.socketDrops(), 0u);
+        EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+    }
+}
+
+TEST(Lifecycle, LongStopsEndTheConnectionAndItComesBack) {
+    for (const bool stopsMaster : {false, true}) {
+        Pair pair;
+        pair.traffic(1200);
+        pair.world.runFor(50 * kMillisecond);
+        Host& stopped = pair.world.host(stopsMaster ? 0 : 1);
+        stopped.suspend();
+        pair.world.runFor(3 * kSecond);
+        EXPECT_NE(pair.ended(stopsMaster, NetEvent::Kind::lost), kNever);
+        stopped.resume();
+        pair.world.runFor(500 * kMillisecond);
+        EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr) << "stopped master: " << stopsMaster;
+        pair.world.settle();
+        pair.world.rest();
+        EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+    }
+}
+
+TEST(Lifecycle, BothSidesConnectingMakeOneConnection) {
+    for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+        WorldModel model;
+        model.seed = seed;
+        model.path.jitter = seed % 3 == 0 ? 2 * kMillisecond : 0;
+        model.path.keepsOrder = false;
+        model.path.loss = seed % 5 == 0 ? 0.1 : 0;
+        World world(model);
+        Host& a = world.addHost();
+        Host& b = world.addHost();
+        world.at(world.random().between(0, 3) * kMillisecond, [&] { a.connect(b); });
+        world.at(world.random().between(0, 3) * kMillisecond, [&] { b.connect(a); });
+        world.runFor(200 * kMillisecond);
+        world.settle();
+        EXPECT_EQ(world.ledger().connections().size(), 1u) << "seed " << seed;
+        EXPECT_NE(a.connectionTo(b), nullptr) << "seed " << seed;
+        EXPECT_TRUE(world.faults().none()) << "seed " << seed << ": " << world.faults().text();
+    }
+}
+
+/// What went over the wire before comes again, all of it, to both sides.
+TEST(Lifecycle, ReplayedDatagramsChangeNothing) {
+    std::vector<Recording> recorded;
+    WorldModel model;
+    World world(model);
+    world.record = &recorded;
+    Host& master = world.addHost();
+    Host& slave = world.addHost();
+    slave.connect(master);
+    world.runFor(20 * kMillisecond);
+    world.flow(master, slave, world.now(), kMillisecond, 30, [] { return 2000u; });
+    world.settle();
+    slave.kill(); // the master keeps the first connection until the second replaces it
+    slave.start();
+    slave.connect(master);
+    world.runFor(20 * kMillisecond);
+    world.flow(master, slave, world.now(), kMillisecond, 300, [] { return 2000u; });
+    const std::uint64_t id = slave.connectionTo(master)->config().connectionId;
+
+    const std::vector<Recording> old = recorded;
+    for (const Recording& one : old)
+        world.after(world.random().between(0, 200) * kMillisecond, [&world, &one] {
+            world.inject(world.host(static_cast<std::size_t>(one.to)),
+                         world.host(static_cast<std::size_t>(one.from)).addr(), one.bytes);
+        });
+    world.runFor(250 * kMillisecond);
+    world.settle();
+    EXPECT_EQ(world.ledger().connections().size(), 2u);
+    ASSERT_NE(slave.connectionTo(master), nullptr);
+    EXPECT_EQ(slave.connectionTo(master)->config().connectionId, id);
+    EXPECT_EQ(master.connectionTo(slave)->config().connectionId, id);
+    EXPECT_TRUE(world.faults().none()) << world.faults().text();
+}
+
+} // namespace kor::simulation

@@ -1,0 +1,84 @@
+#include "tests/simulation/world/RandomScenario.h"
+#include "tests/simulation/world/World.h"
+#include "tests/TestArguments.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace kor::simulation {
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized =
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
+bool hasFlag(const std::string& flag) {
+    return std::ranges::find(testArguments(), flag) != testArguments().end();
+}
+
+std::uint64_t numberAfter(const std::string& flag, std::uint64_t otherwise) {
+    const std::vector<std::string>& arguments = testArguments();
+    for (std::size_t i = 0; i + 1 < arguments.size(); ++i)
+        if (arguments[i] == flag)
+            return std::strtoull(arguments[i + 1].c_str(), nullptr, 10);
+    return otherwise;
+}
+
+/// What all runs together have cost, for those who compare two versions of the protocol.
+struct Sum {
+    double packets = 0, bytes = 0, wireBytes = 0, datagrams = 0, repairs = 0, repairBytes = 0, spurious = 0,
+           delay = 0;
+
+    void add(const ScenarioResult& result) {
+        packets += static_cast<double>(result.packets);
+        bytes += static_cast<double>(result.packetBytes);
+        wireBytes += static_cast<double>(result.wire.bytes);
+        datagrams += static_cast<double>(result.wire.datagrams);
+        repairs += static_cast<double>(result.wire.repairs);
+        repairBytes += static_cast<double>(result.wire.repairBytes);
+        spurious += static_cast<double>(result.spurious);
+        delay += result.delaySeconds;
+    }
+
+    void print() const {
+        std::printf(
+            "%.0f packets with %.1f MB: %.0f datagrams with %.1f MB, %.0f repairs with %.1f MB, %.0f of them "
+            "needless; %.3f ms from sending to receiving\n",
+            packets, bytes * 1e-6, datagrams, wireBytes * 1e-6, repairs, repairBytes * 1e-6, spurious,
+            delay / packets * 1e3);
+    }
+};
+
+} // namespace
+
+/// `--runs N` makes N runs, `--seed S` begins with that seed, `--trace` prints every datagram.
+TEST(RandomRuns, KeepEveryPromise) {
+    const std::uint64_t first = numberAfter("--seed", 1);
+    const std::uint64_t runs = numberAfter("--runs", kSanitized ? 500 : 10'000);
+    World::trace = hasFlag("--trace");
+    Sum sum;
+    int failed = 0;
+    for (std::uint64_t seed = first; seed != first + runs && failed != 5; ++seed) {
+        const ScenarioResult result = runRandomScenario(seed);
+        sum.add(result);
+        if (result.faults.empty())
+            continue;
+        ++failed;
+        ADD_FAILURE() << "seed " << seed << ":\n"
+                      << result.faults << "to repeat: simulation_RandomRuns --seed " << seed << " --runs 1";
+    }
+    sum.print();
+}
+
+} // namespace kor::simulation

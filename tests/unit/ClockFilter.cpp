@@ -1,0 +1,307 @@
+#include "support/net/ClockFilter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <random>
+
+namespace kor::detail {
+namespace {
+
+Nanoseconds plus(Nanoseconds a, Nanoseconds b) {
+    return elapsed(a, -b);
+}
+
+/// A peer whose clock runs by a straight line, and ways of a fixed delay there and back.
+struct Peer {
+    Nanoseconds startHere = 0;
+    Nanoseconds startThere = 5 * kSecond;
+    double skewPpm = 0;
+    Nanoseconds delay = 50 * kMicrosecond;
+
+    Nanoseconds here(Nanoseconds t) const { return plus(startHere, t); }
+    Nanoseconds there(Nanoseconds t) const {
+        return plus(startThere, t + std::llround(static_cast<double>(t) * skewPpm * 1e-6));
+    }
+
+    /// An exchange that leaves at `t`, is held there and waits in queues.
+    ClockSample exchange(Nanoseconds t, Nanoseconds held = 0, Nanoseconds queueThere = 0,
+                         Nanoseconds queueBack = 0) const {
+        const Nanoseconds received = t + delay + queueThere;
+        const Nanoseconds answered = received + held;
+        return {here(t), there(received), there(answered), here(answered + delay + queueBack)};
+    }
+
+    double error(const ClockFilter& filter, Nanoseconds t) const {
+        return filter.estimate().offsetAt(here(t)) - static_cast<double>(elapsed(there(t), here(t)));
+    }
+};
+
+void volley(ClockFilter& filter, const Peer& peer, Nanoseconds from = 0) {
+    for (int i = 0; i < 8; ++i)
+        filter.add(peer.exchange(from + i * 5 * kMillisecond));
+}
+
+/// Every 125 ms, as an idle connection does.
+void idle(ClockFilter& filter, const Peer& peer, Nanoseconds from, Nanoseconds to, Nanoseconds held = 0) {
+    for (Nanoseconds t = from; t < to; t += 125 * kMillisecond)
+        filter.add(peer.exchange(t, held));
+}
+
+} // namespace
+
+TEST(ClockFilter, IsExactWithoutNoise) {
+    ClockFilter filter;
+    Peer peer;
+    peer.skewPpm = 30;
+    volley(filter, peer);
+    idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
+    EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 5);
+    EXPECT_NEAR(peer.error(filter, 21 * kSecond), 0, 30);
+    EXPECT_NEAR(filter.estimate().skewPpm, 30, 0.02);
+    // What could be an asymmetry of the ways stays uncertain.
+    EXPECT_GE(filter.estimate().boundAt(peer.here(20 * kSecond)), 50 * kMicrosecond);
+    EXPECT_LT(filter.estimate().boundAt(peer.here(20 * kSecond)), 55 * kMicrosecond);
+    EXPECT_GT(filter.estimate().boundAt(peer.here(80 * kSecond)), 75 * kMicrosecond);
+}
+
+TEST(ClockFilter, DoesNotMindHowLongStampsAreHeld) {
+    ClockFilter filter;
+    Peer peer;
+    peer.skewPpm = -100;
+    volley(filter, peer);
+    idle(filter, peer, 100 * kMillisecond, 20 * kSecond, 400 * kMillisecond);
+    EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 20);
+}
+
+TEST(ClockFilter, PublishesAfterFourSamplesOrFortyMilliseconds) {
+    const Peer peer;
+    ClockFilter quick;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_FALSE(quick.estimate().known) << i;
+        quick.add(peer.exchange(i * 5 * kMillisecond));
+    }
+    EXPECT_TRUE(quick.estimate().known);
+    EXPECT_NEAR(peer.error(quick, 20 * kMillisecond), 0, 1);
+
+    ClockFilter lossy;
+    lossy.add(peer.exchange(0));
+    lossy.add(peer.exchange(10 * kMillisecond));
+    EXPECT_FALSE(lossy.estimate().known);
+    lossy.add(peer.exchange(41 * kMillisecond));
+    EXPECT_TRUE(lossy.estimate().known);
+
+    // One stamp that comes back with every datagram of a train is one sample.
+    ClockFilter train;
+    for (int i = 0; i < 100; ++i)
+        train.add(peer.exchange(0, i * 20 * kMicrosecond));
+    EXPECT_FALSE(train.estimate().known);
+}
+
+TEST(ClockFilter, NeverSteps) {
+    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937_64 random(seed);
+        std::exponential_distribution<double> queue(1.0 / (seed % 5 == 0 ? 5e6 : 2e5));
+        std::uniform_int_distribution<Nanoseconds> pause(kMillisecond, 200 * kMillisecond);
+        Peer peer;
+        peer.skewPpm = std::uniform_real_distribution<double>(-100, 100)(random);
+        ClockFilter filter;
+        Nanoseconds arrived = INT64_MIN;
+        for (Nanoseconds t = 0; t < 20 * kSecond; t += pause(random)) {
+            const auto wait = [&] { return static_cast<Nanoseconds>(queue(random)); };
+            const ClockSample sample = peer.exchange(t, wait(), wait(), wait());
+            arrived = std::max(arrived, sample.receivedHere);
+            const ClockEstimate before = filter.estimate();
+            filter.add(sample);
+            const ClockEstimate& after = filter.estimate();
+            if (!before.known)
+                continue;
+            ASSERT_NEAR(after.offsetAt(arrived), before.offsetAt(arrived), 1);
+            ASSERT_NEAR(after.offsetAt(arrived + 1000), before.offsetAt(arrived), 10);
+            ASSERT_NEAR(after.offsetAt(after.slewEnd + 500), after.offsetAt(after.slewEnd - 500), 10);
+        }
+        EXPECT_EQ(filter.estimate().breaks, 0U);
+    }
+}
+
+TEST(ClockFilter, RecoversFromASpoiltStartWithinSeconds) {
+    // A queue that delivers the first answers together, a third of a second late.
+    const Peer peer;
+    ClockFilter filter;
+    for (int i = 0; i < 8; ++i)
+        filter.add(peer.exchange(i * 5 * kMillisecond, 0, 0, (300 - i * 4) * kMillisecond));
+    ASSERT_TRUE(filter.estimate().known);
+    EXPECT_NEAR(peer.error(filter, 340 * kMillisecond), -140e6, 15e6);
+    idle(filter, peer, 350 * kMillisecond, 30 * kSecond);
+    EXPECT_NEAR(peer.error(filter, 30 * kSecond), 0, kMillisecond);
+    EXPECT_EQ(filter.estimate().breaks, 0U);
+}
+
+TEST(ClockFilter, FindsTheTruthBetweenQueuesOfOneDirection) {
+    std::mt19937_64 random(7);
+    std::uniform_int_distribution<Nanoseconds> queue(100 * kMicrosecond, kMillisecond);
+    ClockFilter filter;
+    const Peer peer;
+    for (int i = 0; i < 400; ++i)
+        filter.add(peer.exchange(i * 50 * kMillisecond, 0, i % 40 == 5 ? 0 : queue(random)));
+    EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 500);
+}
+
+TEST(ClockFilter, IgnoresImpossibleAndLateSamples) {
+    ClockFilter filter;
+    filter.setMaxDelay(10 * kMillisecond);
+    const Peer peer;
+    volley(filter, peer);
+    const ClockEstimate before = filter.estimate();
+    const ClockSample good = peer.exchange(kSecond, kMillisecond);
+    const auto expectIgnored = [&](ClockSample sample, const char* what) {
+        for (int i = 0; i < 100; ++i) {
+            filter.add(sample);
+            sample.sentHere += kMillisecond;
+            sample.receivedHere += kMillisecond;
+            sample.receivedThere += kMillisecond;
+            sample.sentThere += kMillisecond;
+        }
+        EXPECT_EQ(filter.estimate().at, before.at) << what;
+    };
+    expectIgnored({good.receivedHere, good.receivedThere, good.sentThere, good.sentHere},
+                  "arrived before sent");
+    expectIgnored({good.sentHere, good.sentThere, good.receivedThere, good.receivedHere},
+                  "answered before arrived");
+    expectIgnored({good.sentHere, good.receivedThere, good.sentThere + kMillisecond, good.receivedHere},
+                  "held longer than away");
+    expectIgnored(peer.exchange(kSecond, 0, 11 * kMillisecond), "over the longest delay");
+    expectIgnored(peer.exchange(kSecond, 11 * kSecond), "too long in all");
+}
+
+TEST(ClockFilter, StartsAfreshAfterABreak) {
+    const Nanoseconds jumps[] = {5 * kMillisecond, -5 * kMillisecond, 3 * 3600 * kSecond,
+                                 -3 * 3600 * kSecond};
+    for (const Nanoseconds jump : jumps) {
+        SCOPED_TRACE("jump " + std::to_string(jump));
+        ClockFilter filter;
+        Peer peer;
+        volley(filter, peer);
+        idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
+        peer.startThere += jump;
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(filter.estimate().breaks, 0U) << i;
+            filter.add(peer.exchange(20 * kSecond + i * 125 * kMillisecond));
+            EXPECT_TRUE(filter.estimate().known);
+        }
+        EXPECT_EQ(filter.estimate().breaks, 1U);
+        EXPECT_NEAR(peer.error(filter, 21 * kSecond), 0, kMicrosecond);
+    }
+}
+
+TEST(ClockFilter, SlewsASmallBreak) {
+    ClockFilter filter;
+    Peer peer;
+    volley(filter, peer);
+    idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
+    peer.startThere += 300 * kMicrosecond;
+    idle(filter, peer, 20 * kSecond, 22 * kSecond);
+    EXPECT_EQ(filter.estimate().breaks, 0U);
+    EXPECT_NEAR(peer.error(filter, 22 * kSecond), 0, kMicrosecond);
+}
+
+TEST(ClockFilter, KeepsItsCourseThroughStrayContradictions) {
+    ClockFilter filter;
+    const Peer peer;
+    Peer wrong = peer;
+    wrong.startThere += 20 * kMillisecond;
+    volley(filter, peer);
+    for (int i = 0; i < 200; ++i) {
+        const Nanoseconds t = kSecond + i * 20 * kMillisecond;
+        filter.add((i % 4 == 0 ? peer : wrong).exchange(t));
+        ASSERT_NEAR(peer.error(filter, t), 0, kMicrosecond);
+    }
+    // Even many within a moment are not a new clock.
+    filter.add(peer.exchange(5 * kSecond));
+    for (int i = 0; i < 9; ++i)
+        filter.add(wrong.exchange(6 * kSecond + i * kMillisecond));
+    EXPECT_NEAR(peer.error(filter, 6 * kSecond), 0, kMicrosecond);
+    EXPECT_EQ(filter.estimate().breaks, 0U);
+}
+
+TEST(ClockFilter, CountsThroughTheWrapOfEitherClock) {
+    for (const Nanoseconds hereBefore : {3 * kSecond, 100 * kSecond}) {
+        for (const Nanoseconds thereBefore : {5 * kSecond, 100 * kSecond}) {
+            ClockFilter filter;
+            Peer peer;
+            peer.skewPpm = 50;
+            peer.startHere = INT64_MAX - hereBefore;
+            peer.startThere = INT64_MAX - thereBefore;
+            volley(filter, peer);
+            idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
+            EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 5);
+            EXPECT_EQ(filter.estimate().breaks, 0U);
+        }
+    }
+}
+
+TEST(ClockFilter, KeepsNanosecondsOfLargeOffsets) {
+    const struct {
+        Nanoseconds offset;
+        double tolerance;
+    } cases[] = {{100 * 86400 * kSecond, 5}, {500'000'000 * kSecond, 50}, {-1'000'000'000 * kSecond, 70}};
+    for (const auto& test : cases) {
+        ClockFilter filter;
+        Peer peer;
+        peer.skewPpm = 30;
+        peer.startThere = test.offset;
+        volley(filter, peer);
+        idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
+        EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, test.tolerance) << test.offset;
+    }
+}
+
+TEST(ClockFilter, SurvivesHostileStamps) {
+    std::mt19937_64 random(11);
+    const auto any = [&] {
+        const auto value = static_cast<Nanoseconds>(random());
+        const Nanoseconds edges[] = {INT64_MIN, INT64_MAX, 0, -1, value, value >> (random() % 63)};
+        return edges[random() % 6];
+    };
+    ClockFilter filter;
+    const auto expectFinite = [&](Nanoseconds now) {
+        const ClockEstimate& estimate = filter.estimate();
+        ASSERT_TRUE(std::isfinite(estimate.offsetAt(now)) && std::isfinite(estimate.boundAt(now)));
+        ASSERT_TRUE(std::isfinite(estimate.skewPpm) && std::fabs(estimate.skewPpm) <= 5000);
+        ASSERT_TRUE(std::isfinite(estimate.bound) && estimate.bound >= 0);
+    };
+    for (int i = 0; i < 200'000; ++i) {
+        filter.add({any(), any(), any(), any()});
+        expectFinite(any());
+    }
+    // The attacker's own stamps fit ours in time and lie otherwise.
+    for (int i = 0; i < 20'000; ++i) {
+        const Nanoseconds now = i * kMillisecond;
+        const Nanoseconds claimed = any();
+        const auto held = static_cast<Nanoseconds>(random() % 1000);
+        filter.add({now - static_cast<Nanoseconds>(random() % 2'000'000), claimed, plus(claimed, held), now});
+        expectFinite(now);
+    }
+    // Afterwards an honest peer is learnt all the same.
+    const Peer peer;
+    volley(filter, peer, 21 * kSecond);
+    idle(filter, peer, 22 * kSecond, 40 * kSecond);
+    EXPECT_NEAR(peer.error(filter, 40 * kSecond), 0, kMicrosecond);
+}
+
+TEST(ClockFilter, ForgetsEverythingOnReset) {
+    ClockFilter filter;
+    Peer peer;
+    volley(filter, peer);
+    filter.reset();
+    EXPECT_FALSE(filter.estimate().known);
+    peer.startThere = 1000 * kSecond;
+    volley(filter, peer, kSecond);
+    EXPECT_NEAR(peer.error(filter, kSecond), 0, 5);
+    EXPECT_EQ(filter.estimate().breaks, 0U);
+}
+
+} // namespace kor::detail

@@ -1,0 +1,282 @@
+// The connection layer over real sockets on loopback: events, packets, notices, handlers and their threads.
+
+#include <support/AtomicLock.h>
+#include <support/jAllocator.h>
+#include <support/memInfo.h>
+#include <support/RTNet.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace kor;
+using namespace std::chrono_literals;
+
+/// What happened on one side, readable from the test's thread.
+class Recorder : public RTUserHandler, public RTPacketHandler {
+public:
+    explicit Recorder(RTNet& net) : net_(net) {}
+
+    void onConnect(const RTAddr& addr, bool established) override {
+        RTUser* peer = established ? net_.getUserByAddr(addr) : nullptr;
+        if (peer != nullptr)
+            peer->setPacketHandler(this);
+        note(established ? (peer != nullptr ? "connect" : "connect without user") : "failed",
+             [&] { user = peer; });
+    }
+    void onReConnect(const RTAddr&) override {
+        note("reconnect", [&] { user = nullptr; });
+    }
+    void onDisConnect(const RTAddr&) override {
+        note("disconnect", [&] { user = nullptr; });
+    }
+    void onConnectLost(const RTAddr&) override {
+        note("lost", [&] { user = nullptr; });
+    }
+    void onPacket(RTUser* from, Packet* packet) override {
+        if (packetHook)
+            packetHook(from, packet);
+        note("", [&] { packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size); });
+    }
+    void onSendOver(RTUser*, RS_SendPacketsQueue* send) override {
+        note("", [&] { notices.push_back(send->id); });
+    }
+
+    template <typename Condition>
+    bool await(Condition condition, std::chrono::seconds limit = 60s) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, limit, condition);
+    }
+    bool awaitEvents(std::vector<std::string> expected) {
+        await([&] { return events.size() >= expected.size(); });
+        const std::lock_guard lock(mutex_);
+        EXPECT_EQ(events, expected);
+        return events == expected;
+    }
+
+    std::vector<std::string> events;
+    std::vector<std::string> packets;
+    std::vector<std::uint64_t> notices;
+    RTUser* user = nullptr;
+    std::function<void(RTUser*, Packet*)> packetHook;
+
+private:
+    template <typename Change>
+    void note(const char* event, Change change) {
+        {
+            const std::lock_guard lock(mutex_);
+            change();
+            if (*event != '\0')
+                events.emplace_back(event);
+        }
+        changed_.notify_all();
+    }
+
+    RTNet& net_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+};
+
+struct Side {
+    RTNet net;
+    Recorder recorder{net};
+
+    bool open(unsigned short port = 0) {
+        net.setUserHandler(&recorder);
+        return net.init(port);
+    }
+    unsigned short port() { return net.getLocalPorts().data[0]; }
+    ~Side() { net.release(); }
+};
+
+struct Pair : testing::Test {
+    Side a; // connects
+    Side b; // accepts
+
+    void SetUp() override {
+        ASSERT_TRUE(a.open());
+        ASSERT_TRUE(b.open());
+        EXPECT_EQ(a.net.connect(jString("127.0.0.1"), b.port(), 1000, 3), NET_CONNECT_ATTEMPT_STARTED);
+        ASSERT_TRUE(a.recorder.awaitEvents({"connect"}));
+        ASSERT_TRUE(b.recorder.awaitEvents({"connect"}));
+    }
+};
+
+std::string text(std::size_t size, unsigned seed) {
+    std::string result(size, '\0');
+    for (char& c : result) {
+        seed = seed * 1664525u + 1013904223u;
+        c = static_cast<char>(seed >> 24);
+    }
+    return result;
+}
+
+using ConnectionLayer = Pair;
+
+TEST_F(ConnectionLayer, CarriesPacketsOfAllSizesBothWaysInOrderWithOneNoticeEach) {
+    std::vector<std::string> sent;
+    std::vector<std::uint64_t> ids;
+    for (const std::size_t size : {std::size_t{1}, std::size_t{100}, std::size_t{1436}, std::size_t{1437},
+                                   std::size_t{70000}, std::size_t{3} << 20, std::size_t{5}}) {
+        sent.push_back(text(size, static_cast<unsigned>(size)));
+        ids.push_back(a.recorder.user->sendAsyn(sent.back().data(), static_cast<int>(size)));
+        EXPECT_NE(ids.back(), RTUser::kRefused);
+        EXPECT_NE(b.recorder.user->sendAsyn(sent.back().data(), static_cast<int>(size)), RTUser::kRefused);
+    }
+    for (Recorder* side : {&a.recorder, &b.recorder}) {
+        ASSERT_TRUE(side->await([&] { return side->packets.size() >= sent.size(); }));
+        ASSERT_TRUE(side->await([&] { return side->notices.size() >= sent.size(); }));
+        EXPECT_TRUE(side->packets == sent);
+    }
+    EXPECT_EQ(a.recorder.notices, ids);
+    EXPECT_EQ(a.recorder.user->getStatistics().queuedBytes, 0u);
+}
+
+TEST_F(ConnectionLayer, RefusesWhatItCannotSend) {
+    RTUser* user = a.recorder.user;
+    EXPECT_EQ(user->sendAsyn(nullptr, 5), RTUser::kRefused);
+    EXPECT_EQ(user->sendAsyn("x", 0), RTUser::kRefused);
+    EXPECT_EQ(user->sendAsyn("x", -1), RTUser::kRefused);
+    b.net.release();
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect", "disconnect"}));
+    EXPECT_EQ(user->sendAsyn("x", 1), RTUser::kRefused);
+    EXPECT_EQ(a.net.getUserByAddr(RTAddr(0x7F000001, 1)), nullptr);
+}
+
+TEST_F(ConnectionLayer, KnowsThePeersClock) {
+    const auto limit = std::chrono::steady_clock::now() + 60s;
+    while (a.recorder.user->getTimeOffset() == -1e9 && std::chrono::steady_clock::now() < limit)
+        std::this_thread::yield();
+    ASSERT_NE(a.recorder.user->getTimeOffset(), -1e9);
+    // Both sides are in one process: the true offset is 0.
+    EXPECT_LE(std::abs(a.recorder.user->getTimeOffset()), a.recorder.user->getTimeOffsetErrorBound() + 0.001);
+    EXPECT_GT(a.recorder.user->getPing(), 0.0);
+}
+
+TEST_F(ConnectionLayer, AKeptPacketBelongsToTheHandler) {
+    std::atomic<unsigned char*> kept{nullptr};
+    b.recorder.packetHook = [&](RTUser*, Packet* packet) {
+        packet->owned = false;
+        kept = packet->data;
+    };
+    a.recorder.user->sendAsyn("keep me", 8);
+    ASSERT_TRUE(b.recorder.await([&] { return !b.recorder.packets.empty(); }));
+    b.net.release();
+    EXPECT_STREQ(reinterpret_cast<char*>(kept.load()), "keep me");
+    EXPECT_TRUE(memRemoveInfo(kept, __FILE__, __LINE__, "test"));
+    jAllocator::get()->localFree(kept);
+}
+
+TEST_F(ConnectionLayer, GoesOnReceivingWhileAHandlerWaitsForALock) {
+    // The handler of b wants a lock that the test holds, while a sends more than b's socket could keep.
+    volatile int word = 0;
+    std::atomic<bool> waiting{false};
+    b.recorder.packetHook = [&](RTUser*, Packet*) {
+        waiting = true;
+        const AtomicLock lock(&word);
+    };
+    const std::string packet = text(4 << 20, 7);
+    {
+        const AtomicLock lock(&word);
+        a.recorder.user->sendAsyn("first", 5);
+        while (!waiting)
+            std::this_thread::yield();
+        for (int i = 0; i != 10; ++i)
+            ASSERT_NE(a.recorder.user->sendAsyn(packet.data(), static_cast<int>(packet.size())),
+                      RTUser::kRefused);
+        // Everything arrives and is acknowledged, although no callback can run.
+        const auto limit = std::chrono::steady_clock::now() + 60s;
+        while (b.recorder.user->getStatistics().bytesReceived < 10 * packet.size() &&
+               std::chrono::steady_clock::now() < limit)
+            std::this_thread::yield();
+        EXPECT_GE(b.recorder.user->getStatistics().bytesReceived, 10 * packet.size());
+        EXPECT_TRUE(a.recorder.notices.empty());
+    }
+    ASSERT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 11; }));
+}
+
+TEST_F(ConnectionLayer, DetachingWaitsForARunningHandlerAndNoCallFollows) {
+    std::atomic<bool> inside{false};
+    std::atomic<bool> leave{false};
+    std::atomic<int> calls{0};
+    b.recorder.packetHook = [&](RTUser*, Packet*) {
+        ++calls;
+        inside = true;
+        while (!leave)
+            std::this_thread::yield();
+    };
+    a.recorder.user->sendAsyn("1", 1);
+    a.recorder.user->sendAsyn("2", 1);
+    while (!inside)
+        std::this_thread::yield();
+    std::thread detaching([&] { b.recorder.user->setPacketHandler(nullptr); });
+    leave = true;
+    detaching.join();
+    const int before = calls;
+    a.recorder.user->sendAsyn("3", 1);
+    // Delivered all the same: what nobody takes is dropped by the layer.
+    ASSERT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 3; }));
+    EXPECT_EQ(calls, before);
+}
+
+TEST_F(ConnectionLayer, AHandlerMayDetachItselfAndAnswer) {
+    b.recorder.packetHook = [](RTUser* user, Packet* packet) {
+        user->sendAsyn(packet->data, static_cast<int>(packet->size));
+        user->setPacketHandler(nullptr);
+    };
+    a.recorder.user->sendAsyn("ping", 4);
+    ASSERT_TRUE(a.recorder.await([&] { return a.recorder.packets.size() == 1; }));
+    a.recorder.user->sendAsyn("again", 5);
+    ASSERT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 2; }));
+    EXPECT_EQ(b.recorder.packets.size(), 1u);
+}
+
+TEST_F(ConnectionLayer, ConnectsAgainAndReportsAStandingConnectionAgain) {
+    const unsigned short port = b.port();
+    b.net.release();
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect", "disconnect"}));
+    Side restarted;
+    ASSERT_TRUE(restarted.open(port));
+    EXPECT_EQ(a.net.connect(jString("127.0.0.1"), port, 1000, 3), NET_CONNECT_ATTEMPT_STARTED);
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect", "disconnect", "connect"}));
+    EXPECT_EQ(a.net.connect(jString("127.0.0.1"), port, 1000, 3), NET_CONNECT_ATTEMPT_CONNECTED);
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect", "disconnect", "connect", "connect"}));
+}
+
+TEST(ConnectionLayerAlone, ReportsFailedAttempts) {
+    Side a;
+    EXPECT_EQ(a.net.connect(jString("127.0.0.1"), 9, 10, 1), NET_CONNECT_ATTEMPT_CLOSED);
+    ASSERT_TRUE(a.open());
+    EXPECT_EQ(a.net.connect(jString("no address"), 9, 10, 1), NET_CONNECT_ATTEMPT_BAD_ADDRESS);
+    ASSERT_TRUE(a.recorder.awaitEvents({"failed"}));
+    EXPECT_EQ(a.net.connect(jString("127.0.0.1"), 9, 20, 2), NET_CONNECT_ATTEMPT_STARTED);
+    ASSERT_TRUE(a.recorder.awaitEvents({"failed", "failed"}));
+}
+
+TEST(ConnectionLayerAlone, OpensAndReleasesAgainAndRefusesATakenPort) {
+    Side a;
+    ASSERT_TRUE(a.open());
+    EXPECT_FALSE(a.net.init(static_cast<unsigned short>(0)));
+    RTNet other;
+    EXPECT_FALSE(other.init(a.port()));
+    jVector<unsigned short> none;
+    EXPECT_FALSE(other.init(none));
+    a.net.release();
+    a.net.release();
+    ASSERT_TRUE(a.open());
+    jVector<unsigned short> two{0, 0};
+    ASSERT_TRUE(other.init(two));
+    EXPECT_EQ(other.getLocalPorts().count, 2);
+}
+
+} // namespace

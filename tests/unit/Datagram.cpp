@@ -1,0 +1,192 @@
+#include "tests/protocol/SampleDatagrams.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace {
+
+using namespace kor::samples;
+
+DecodeError decode(const Bytes& bytes) {
+    static DecodedDatagram datagram; // dirty from one to the next, as in the connection layer
+    return decodeDatagram(bytes, datagram);
+}
+
+/// Decodes once the check sum fits again.
+DecodeError decodeFixed(Bytes bytes) {
+    fixChecksum(bytes);
+    return decode(bytes);
+}
+
+AckFrame ackOf(std::initializer_list<AckFrame::Range> ranges) {
+    AckFrame ack;
+    ack.delayMicroseconds = 3;
+    ack.handedUp = 4;
+    std::ranges::copy(ranges, ack.ranges.begin());
+    ack.rangeCount = ranges.size();
+    return ack;
+}
+
+const Bytes kContent = {1, 2, 3, 4, 5, 6, 7, 8};
+
+struct DataSample {
+    Bytes bytes;
+    std::set<std::size_t> wholeAt; ///< sizes at which the last frame is complete
+};
+
+/// A data datagram with a frame of every type.
+DataSample everyFrame(bool echo) {
+    DataSample sample;
+    sample.bytes.assign(300, 0xEE);
+    DatagramWriter writer(sample.bytes, 0xFEDCBA9876543210, echo, 0xFFFFFFFF);
+    const auto add = [&](bool written) {
+        EXPECT_TRUE(written);
+        sample.wholeAt.insert(writer.size());
+    };
+    add(writer.addFragment({9, 100, 10, kContent}));
+    add(writer.addAck(ackOf({{1, 3}, {0xFFFFFFFC, 2}, {10, 1}})));
+    add(writer.addTime({1, echo, 2, 3}));
+    add(writer.addPing());
+    add(writer.addFragment({10, 8, 0, kContent}));
+    add(writer.addClose());
+    for (std::size_t size = writer.size() + 1; size <= writer.size() + 5; ++size)
+        sample.wholeAt.insert(size); // padding may end anywhere
+    EXPECT_TRUE(writer.addPaddingTo(writer.size() + 5));
+    sample.bytes.resize(writer.finish());
+    return sample;
+}
+
+std::vector<Bytes> handshakes() {
+    std::vector<Bytes> all(5, Bytes(kHandshakeBytes, 0xEE));
+    const ConnectionParameters parameters{1, 2, 3, 4};
+    all[0].resize(writeRequest(all[0], 5));
+    all[1].resize(writeChallenge(all[1], 5, 6, -7));
+    all[2].resize(writeResponse(all[2], 5, 6, -7, parameters));
+    all[3].resize(writeAccept(all[3], 5, 8, parameters));
+    all[4].resize(writeReset(all[4], 8, true));
+    return all;
+}
+
+TEST(Datagram, RoundTripsAtAllSizes) {
+    Random random(7);
+    DecodedDatagram decoded;
+    for (int i = 0; i < 4000; ++i) {
+        const std::size_t limit = i % 50 == 0 ? kMaxDatagramBytes : 300 + random.below(1500);
+        const Sample sample = randomSample(random, limit);
+        ASSERT_LE(sample.bytes.size(), limit);
+        ASSERT_EQ(decodeDatagram(sample.bytes, decoded), DecodeError::none) << i;
+        ASSERT_TRUE(sameMeaning(decoded, sample.meaning)) << i;
+        const Bytes again = encode(decoded, sample.bytes.size());
+        ASSERT_EQ(decodeDatagram(again, decoded), DecodeError::none) << i;
+        ASSERT_TRUE(sameMeaning(decoded, sample.meaning)) << i;
+    }
+}
+
+TEST(Datagram, HandshakesDecodeWithTheirSizes) {
+    const std::vector<Bytes> all = handshakes();
+    const std::size_t sizes[] = {128, 32, 128, 40, 16};
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        EXPECT_EQ(all[i].size(), sizes[i]);
+        EXPECT_EQ(decode(all[i]), DecodeError::none) << i;
+        Bytes longer = all[i];
+        longer.push_back(0);
+        EXPECT_EQ(decodeFixed(longer), DecodeError::badFrame) << i;
+    }
+}
+
+TEST(Datagram, EveryTruncationIsCaught) {
+    std::vector<DataSample> samples = {everyFrame(false), everyFrame(true)};
+    for (const Bytes& handshake : handshakes())
+        samples.push_back({handshake, {handshake.size()}});
+    for (const DataSample& sample : samples) {
+        EXPECT_EQ(decode(sample.bytes), DecodeError::none);
+        for (std::size_t size = 0; size < sample.bytes.size(); ++size) {
+            const Bytes cut(sample.bytes.begin(), sample.bytes.begin() + static_cast<std::ptrdiff_t>(size));
+            EXPECT_EQ(decode(cut), size < kHeaderBytes ? DecodeError::tooShort : DecodeError::checksum)
+                << size;
+            const DecodeError expected = size < kHeaderBytes             ? DecodeError::tooShort
+                                         : sample.wholeAt.contains(size) ? DecodeError::none
+                                                                         : DecodeError::badFrame;
+            EXPECT_EQ(decodeFixed(cut), expected) << size;
+        }
+    }
+}
+
+TEST(Datagram, EveryFlippedBitIsCaught) {
+    std::vector<Bytes> all = handshakes();
+    all.push_back(everyFrame(true).bytes);
+    for (Bytes& bytes : all) {
+        for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
+            bytes[bit / 8] = static_cast<std::uint8_t>(bytes[bit / 8] ^ 1u << bit % 8);
+            ASSERT_EQ(decode(bytes), DecodeError::checksum) << bit;
+            bytes[bit / 8] = static_cast<std::uint8_t>(bytes[bit / 8] ^ 1u << bit % 8);
+        }
+        ASSERT_EQ(decode(bytes), DecodeError::none);
+    }
+}
+
+// Headers with a value that is not allowed, and a check sum that fits.
+TEST(Datagram, HeaderFieldsAreChecked) {
+    std::vector<Bytes> all = handshakes();
+    all.push_back(everyFrame(false).bytes);
+    for (const Bytes& bytes : all) {
+        const auto with = [&bytes](std::size_t at, int value) {
+            Bytes changed = bytes;
+            changed[at] = static_cast<std::uint8_t>(value);
+            return decodeFixed(changed);
+        };
+        for (const int kind : {0, 7, 255})
+            EXPECT_EQ(with(4, kind), DecodeError::unknownKind);
+        for (const int version : {0, 2, 255})
+            EXPECT_EQ(with(5, version), DecodeError::unknownKind);
+        for (const int flags : {2, 3, 128})
+            EXPECT_EQ(with(6, flags), DecodeError::badFrame);
+        EXPECT_EQ(with(7, 1), DecodeError::badFrame);
+        const bool oneSided = bytes[4] <= static_cast<std::uint8_t>(DatagramKind::accept);
+        EXPECT_EQ(with(6, bytes[6] ^ 1), oneSided ? DecodeError::badFrame : DecodeError::none);
+    }
+}
+
+TEST(Datagram, HandshakePaddingIsZero) {
+    for (const std::size_t kind : {0u, 2u}) {
+        const Bytes bytes = handshakes()[kind];
+        for (std::size_t at = kind == 0 ? 16 : 48; at < bytes.size(); ++at) {
+            Bytes changed = bytes;
+            changed[at] = 1;
+            EXPECT_EQ(decodeFixed(changed), DecodeError::badFrame) << at;
+        }
+    }
+}
+
+TEST(Datagram, PeekReadsTheIdOfWhatBelongsToAConnection) {
+    const std::vector<Bytes> all = handshakes();
+    for (std::size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(peekConnectionId(all[i]), std::nullopt);
+    EXPECT_EQ(peekConnectionId(all[4]), 8u);
+    const Bytes data = everyFrame(false).bytes;
+    EXPECT_EQ(peekConnectionId(data), 0xFEDCBA9876543210);
+    EXPECT_EQ(peekConnectionId(std::span(data).first(16)), 0xFEDCBA9876543210);
+    EXPECT_EQ(peekConnectionId(std::span(data).first(15)), std::nullopt);
+    EXPECT_EQ(peekConnectionId({}), std::nullopt);
+}
+
+TEST(Datagram, BrokenOnesNeverLeaveTheDatagram) {
+    Random random(8);
+    DecodedDatagram decoded;
+    Bytes other;
+    for (int i = 0; i < 20'000; ++i) {
+        const Sample sample = randomSample(random, 300 + random.below(500));
+        Bytes broken = mutate(sample.bytes, random, other);
+        fixChecksum(broken);
+        broken.shrink_to_fit(); // so that AddressSanitizer sees the end
+        other = sample.bytes;
+        if (decodeDatagram(broken, decoded) != DecodeError::none || decoded.header.kind != DatagramKind::data)
+            continue;
+        for (std::size_t f = 0; f < decoded.fragmentCount; ++f)
+            ASSERT_LE(decoded.fragments[f].bytes.data() + decoded.fragments[f].bytes.size(),
+                      broken.data() + broken.size());
+    }
+}
+
+} // namespace
