@@ -1,0 +1,191 @@
+#pragma once
+
+#include <kit/jVector.h>
+#include <kor/detail/ClientIdentity.h>
+#include <kor/detail/SharedValue.h>
+#include <kor/KorData.h>
+#include <support/Export.h>
+#include <support/jString.h>
+#include <support/RTAddr.h>
+#include <support/RTHandlers.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kor {
+
+class BufferReader;
+class RTUser;
+
+namespace detail {
+class ClientRecords;
+}
+
+enum KOR_CLIENT_STATE : int {
+    KOR_CLIENT_STATE_INACTIVE =
+        0,                      ///< left out of `KorServer::isClientsSendOver`; only an application sets it
+    KOR_CLIENT_STATE_ACTIVE = 1 ///< set at construction, by every received packet and by every finished send
+};
+
+/// The master's record of one connected slave, and the packet handler of that slave's connection.
+///
+/// `KorServer` makes one for each connection. It takes in the slave's introduction (its name and cameras),
+/// queues every other packet for the master logic, sends to the slave and notes when the last send has
+/// arrived. The counters and clock figures are kept for the master logic and for applications.
+///
+/// Threads: the connection layer's thread calls `onPacket` and `onSendOver`, the application's everything
+/// else. The lock of `getLock` guards the received packets and the state of the send; take it around
+/// `getData`, `setData` and `clearData`. Where the endpoint's lock is needed too, take that one first.
+/// References from `getName` and `getCamNames` stay readable until the application's next `KorServer::wait`,
+/// even when the slave introduces itself anew; so does the record itself after its slave has gone.
+///
+/// Limits: once 64 MiB or 65536 packets wait to be taken, further ones are dropped and counted. An
+/// introduction over 16 KiB is not taken in, and of those that follow each other between two waits of the
+/// endpoint only 16.
+class KOR_API Client : public RTPacketHandler {
+public:
+    Client();
+
+    /// A copy has the same connection and lock word by value, and shares the bytes of the received packets.
+    Client(const Client& other);
+    Client& operator=(const Client& other);
+
+    /// Frees the lists, not the bytes of packets still queued (`clearData` does), and does not detach from
+    /// the connection (`release` does). `KorServer` does both for its records.
+    ~Client();
+
+protected:
+    void onPacket(RTUser* user, Packet* packet) override;
+    void onSendOver(RTUser* user, RS_SendPacketsQueue* send) override;
+
+public:
+    /// Received packets that are no introduction, oldest first. Hold the lock.
+    virtual const jVector<KorData>& getData() const;
+
+    /// Replaces the received packets with copies of the entries, which share their bytes; those replaced are
+    /// not freed. Hold the lock.
+    virtual void setData(const jVector<KorData>& entries);
+
+    /// The slave's connection, null while detached. Not owned.
+    virtual RTUser* getUser() const;
+
+    /// The slave's address; kept after the connection has gone.
+    virtual const RTAddr& getAddr() const;
+    virtual void setAddr(const RTAddr& newAddr);
+
+    /// The slave's name, empty before its introduction.
+    virtual const jString& getName() const;
+    virtual void setName(const jString& newName);
+
+    /// Names of the slave's cameras in the slave's order, empty before its introduction.
+    virtual const jVector<jString>& getCamNames() const;
+    virtual void setCamNames(const jVector<jString>& names);
+
+    /// True once an introduction has been taken in.
+    virtual bool isInit() const;
+
+    /// True once the last send has been delivered completely.
+    virtual bool isSendOver() const;
+    virtual void setSendOver(bool over);
+
+    /// Identifier of the send in flight; -1 when there is none, and after a send that was refused.
+    virtual std::int64_t getPacketID() const;
+    virtual void setPacketID(std::int64_t id);
+
+    virtual KOR_CLIENT_STATE getState();
+    virtual void setState(KOR_CLIENT_STATE newState);
+
+    /// Seconds. The endpoint sets it to 0 once per master frame.
+    virtual double getWaitTime() const;
+    virtual void setWaitTime(double seconds);
+
+    virtual int getIdleTimes() const;
+    virtual void setIdleTimes(int times);
+
+    /// Seconds.
+    virtual double getTotalWaitTime() const;
+    virtual void setTotalWaitTime(double seconds);
+
+    /// The slave's fractional frame position from its last report; -1 before the first. Whatever the slave
+    /// sent, so it may be any double.
+    virtual double getIDCheck() const;
+    virtual void setIDCheck(double position);
+
+    /// The slave's estimate of the master's clock from its last report, in seconds; 0 before the first.
+    /// Whatever the slave sent, so it may be any double.
+    virtual double getTimeCheck() const;
+    virtual void setTimeCheck(double seconds);
+
+    virtual double getTimeCheckResult() const;
+    virtual void setTimeCheckResult(double result);
+
+    virtual int getTotalIdleTimes() const;
+    virtual void setTotalIdleTimes(int times);
+
+    virtual int getDisconnectTimes() const;
+    virtual void setDisconnectTimes(int times);
+
+    virtual bool isDebugSendOver() const;
+    virtual void setDebugSendOver(bool over);
+
+    RTUser* getUser();
+
+    /// The lock word, for `AtomicLock`.
+    volatile int& getLock() { return lock; }
+
+    void addIdleTimes();
+    void addDisconnectTimes();
+    void addTotalWaitTime(double seconds);
+
+    /// Attaches the record to a connection (not null) and takes its address; detaches it from another one
+    /// first. Does nothing when it is attached to that one already.
+    void setUser(RTUser* newUser);
+
+    /// Detaches the record from its connection. Off the connection layer's thread it returns only when no
+    /// handler of this record runs any more, so do not hold the lock.
+    void release();
+
+    /// Queues bytes for the slave as one packet. False when there is no connection, no data, a size below 1,
+    /// or when the connection refuses; `RTUser::sendAsyn` says when it does.
+    bool send(const void* bytes, int size);
+
+    /// Frees all received packets. Hold the lock.
+    void clearData();
+
+    /// Packets dropped because too many were waiting.
+    std::uint64_t getDroppedPackets() const { return droppedPackets; }
+
+private:
+    friend class KorLogicServer;
+    friend class KorServer;
+    friend class detail::ClientRecords;
+
+    bool kor_init(BufferReader& reader, jString& slaveName);
+    bool keep(Packet& packet);
+
+    int lock = 0;
+    jVector<KorData> data;
+    detail::SharedValue<RTUser*> user{nullptr};
+    RTAddr addr;
+    detail::ClientIdentity identity; // name and camera names
+    detail::SharedValue<bool> init{false};
+    detail::SharedValue<bool> sendOver{false};
+    detail::SharedValue<std::int64_t> packetID{-1};
+    detail::SharedValue<KOR_CLIENT_STATE> state{KOR_CLIENT_STATE_ACTIVE};
+    double waitTime = 0;
+    int idleTimes = 0;
+    double totalWaitTime = 0;
+    double IDCheck = -1.0;
+    double timeCheck = 0;
+    double timeCheckResult = 0;
+    int totalIdleTimes = 0;
+    int disconnectTimes = 0;
+    bool debugSendOver = false;
+
+    std::size_t queuedBytes = 0;
+    bool dropping = false;
+    detail::SharedValue<std::uint64_t> droppedPackets{0};
+    detail::SharedValue<bool> retired{false}; // no longer listed by the endpoint, freed soon
+};
+
+} // namespace kor

@@ -1,0 +1,132 @@
+#include <kor/KorClient.h>
+
+#include "src/BlockLimit.h"
+#include "src/Introduction.h"
+#include <kor/Record.h>
+#include <support/AtomicLock.h>
+#include <support/BufferWriter.h>
+#include <support/jLog.h>
+#include <support/RTNet.h>
+#include <support/RTUser.h>
+
+#include <utility>
+
+namespace kor {
+
+void KorClient::onConnect(const RTAddr& addr, bool established) {
+    if (!established) {
+        if (!connected || is_master(addr)) {
+            set_reconnect_flag();
+        }
+        return;
+    }
+    if (!is_master(addr)) {
+        if (!std::exchange(warnedOfForeignPeer, true)) {
+            jLog::warning("[%s] is not the master, ignored like others that connect here",
+                          addr.formatString().c_str());
+        }
+        return;
+    }
+    AtomicLock guard(&lock);
+    clearData();
+    RTUser* master = net ? net->getUserByAddr(addr) : nullptr;
+    if (!master) {
+        set_reconnect_flag();
+        return;
+    }
+    master->setPacketHandler(this);
+    send_introduction(*master);
+    user = master; // last, so that nothing is sent ahead of the introduction
+    connected = true;
+    emitSignal(connectSignal, addr);
+}
+
+void KorClient::onReConnect(const RTAddr& addr) {
+    if (is_foreign(addr)) {
+        return;
+    }
+    AtomicLock guard(&lock);
+    clearData();
+    user = nullptr;
+    connected = false;
+    emitSignal(reconnectSignal, addr);
+}
+
+void KorClient::onDisConnect(const RTAddr& addr) {
+    if (is_foreign(addr)) {
+        return;
+    }
+    AtomicLock guard(&lock);
+    clearData();
+    connected = false;
+    set_reconnect_flag();
+    emitSignal(disconnectSignal, addr);
+}
+
+void KorClient::onConnectLost(const RTAddr& addr) {
+    if (is_foreign(addr)) {
+        return;
+    }
+    AtomicLock guard(&lock);
+    clearData();
+    connected = false;
+    set_reconnect_flag();
+    clear_udp_recv_buffer();
+    emitSignal(connectLostSignal, addr);
+}
+
+void KorClient::send_introduction(RTUser& master) const {
+    unsigned char buffer[kMaxIntroductionBytes];
+    BufferWriter writer(buffer, sizeof(buffer));
+    const int start = beginRecord(writer, detail::kIntroductionCode);
+    writer.writeString(name.c_str());
+    writer.writeInt(camNames.count);
+    for (const jString& camera : camNames) {
+        writer.writeString(camera.c_str());
+    }
+    endRecord(writer, start);
+    master.sendAsyn(writer.getData(), writer.tell());
+}
+
+void KorClient::onPacket(RTUser*, Packet* packet) {
+    if (!packet->data || packet->size == 0) {
+        return;
+    }
+    AtomicLock guard(&lock);
+    if (!admit(*packet)) {
+        return;
+    }
+    KorData block;
+    block.data = packet->data;
+    block.size = static_cast<std::int32_t>(packet->size);
+    dataList.push_back(block);
+    packet->owned = false;
+}
+
+bool KorClient::admit(const Packet& packet) {
+    const auto full = [&] {
+        return dataList.count >= detail::kMostBlocks || queuedBytes + packet.size > detail::kMostBlockBytes;
+    };
+    if (dataList.empty()) {
+        queuedBytes = 0;
+    }
+    if (full() && dataList.count != countWhenFull) {
+        queuedBytes = detail::bytesIn(dataList);
+        countWhenFull = dataList.count;
+    }
+    if (!full()) {
+        queuedBytes += packet.size;
+        countWhenFull = -1;
+        dropping = false;
+        return true;
+    }
+    droppedBlocks = droppedBlocks + 1;
+    if (!std::exchange(dropping, true)) {
+        jLog::warning("KorClient:%d blocks wait to be taken, further ones are dropped", dataList.count);
+    }
+    return false;
+}
+
+void KorClient::onSendOver(RTUser*, RS_SendPacketsQueue*) {}
+
+} // namespace kor

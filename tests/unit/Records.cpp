@@ -1,0 +1,207 @@
+#include <kor/KorCoders.h>
+#include <kor/Record.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <random>
+
+using namespace kor;
+
+namespace {
+
+struct Buffer {
+    std::array<unsigned char, 256> bytes{};
+    BufferWriter writer{bytes.data(), static_cast<int>(bytes.size())};
+
+    BufferReader reader() const {
+        return BufferReader(bytes.data(), static_cast<std::uint32_t>(writer.tell()));
+    }
+};
+
+TEST(Records, BeginIsTheseBytes) {
+    Buffer buffer;
+    KorCoderBase::codeBegin(buffer.writer, 7);
+    const std::array<unsigned char, 10> expected{4, 10, 0, 0, 0, 1, 7, 0, 0, 0};
+    ASSERT_EQ(buffer.writer.tell(), 10);
+    EXPECT_EQ(std::memcmp(buffer.bytes.data(), expected.data(), 10), 0);
+}
+
+TEST(Records, AllComeBackFromOneBuffer) {
+    Buffer buffer;
+    BufferWriter& writer = buffer.writer;
+    KorCoderBase::codeBegin(writer, -3);
+    KorCoderBase::codeSlaveTimeInServer(writer, 1.5, 90.25);
+    EXPECT_EQ(writer.tell(), 32);
+    EXPECT_TRUE(KorCoderBase::codeTimeCheckResult(writer, -0.5));
+    EXPECT_TRUE(KorCoderBase::codeFrameAck(writer, 11));
+    EXPECT_TRUE(KorCoderBase::codeSwap(writer, 12));
+    EXPECT_EQ(writer.tell(), 66);
+    EXPECT_TRUE(KorMsg::codeBroadcast(writer, 7000, 8));
+    EXPECT_EQ(buffer.bytes[66], 0xFF);
+    KorCoderBase::codeEnd(writer);
+    EXPECT_EQ(writer.tell(), 86);
+
+    BufferReader reader = buffer.reader();
+    int a = 0;
+    int b = 0;
+    double x = 0;
+    double y = 0;
+    EXPECT_TRUE(KorCoderBase::decodeBegin(reader, a) && a == -3);
+    EXPECT_TRUE(KorCoderBase::decodeSlaveTimeInServer(reader, x, y) && x == 1.5 && y == 90.25);
+    EXPECT_TRUE(KorCoderBase::decodeTimeCheckResult(reader, x) && x == -0.5);
+    EXPECT_TRUE(KorCoderBase::decodeFrameAck(reader, a) && a == 11);
+    EXPECT_TRUE(KorCoderBase::decodeSwap(reader, a) && a == 12);
+    EXPECT_TRUE(KorMsg::decodeBroadcast(reader, a, b) && a == 7000 && b == 8);
+    EXPECT_TRUE(KorCoderBase::decodeEnd(reader));
+    EXPECT_EQ(reader.remaining(), 0);
+}
+
+TEST(Records, ARejectedDecodeChangesNothing) {
+    Buffer buffer;
+    KorCoderBase::codeEnd(buffer.writer);
+    KorCoderBase::codeBegin(buffer.writer, 5);
+    BufferReader reader = buffer.reader();
+    int frame = 99;
+    EXPECT_FALSE(KorCoderBase::decodeBegin(reader, frame));
+    EXPECT_EQ(reader.position, 0);
+    EXPECT_TRUE(KorCoderBase::decodeEnd(reader));
+
+    buffer.bytes[11] = 2; // version
+    EXPECT_FALSE(KorCoderBase::decodeBegin(reader, frame));
+    EXPECT_EQ(reader.position, 6);
+    buffer.bytes[11] = 1;
+    for (std::uint32_t size = 6; size < 16; ++size) {
+        BufferReader cut(buffer.bytes.data(), size);
+        cut.seekSet(6);
+        EXPECT_FALSE(KorCoderBase::decodeBegin(cut, frame)) << size;
+        EXPECT_EQ(cut.position, 6);
+    }
+    EXPECT_EQ(frame, 99);
+    buffer.bytes[7] = 200; // a wrong length is nothing to a decoder
+    EXPECT_TRUE(KorCoderBase::decodeBegin(reader, frame));
+    EXPECT_EQ(frame, 5);
+}
+
+TEST(Records, AnEncoderWritesAWholeRecordOrNothing) {
+    for (int room = 0; room < 10; ++room) {
+        std::array<unsigned char, 16> bytes;
+        bytes.fill(0xAA);
+        BufferWriter writer(bytes.data(), room);
+        KorCoderBase::codeBegin(writer, 1);
+        const int start = beginRecord(writer, 9);
+        endRecord(writer, start);
+        const int written = room < 6 ? 0 : 6;
+        EXPECT_EQ(writer.tell(), written);
+        for (std::size_t i = static_cast<std::size_t>(written); i < bytes.size(); ++i) {
+            EXPECT_EQ(bytes[i], 0xAA);
+        }
+    }
+}
+
+TEST(Records, AScanSkipsWhatItDoesNotKnow) {
+    Buffer buffer;
+    KorCoderBase::codeBegin(buffer.writer, 3);
+    const int start = beginRecord(buffer.writer, 9);
+    buffer.writer.writeDouble(1);
+    buffer.writer.writeInt(2);
+    endRecord(buffer.writer, start);
+    KorCoderBase::codeEnd(buffer.writer);
+
+    BufferReader reader = buffer.reader();
+    int frame = 0;
+    EXPECT_FALSE(KorCoderBase::decodeEnd(reader));
+    EXPECT_TRUE(KorCoderBase::decodeBegin(reader, frame));
+    EXPECT_EQ(frame, 3);
+    EXPECT_FALSE(KorCoderBase::decodeEnd(reader));
+    EXPECT_TRUE(skipRecord(reader));
+    EXPECT_EQ(reader.position, 10 + 18);
+    EXPECT_TRUE(KorCoderBase::decodeEnd(reader));
+    EXPECT_FALSE(skipRecord(reader));
+}
+
+TEST(Records, AScanStopsAtAnUnsoundLength) {
+    std::array<unsigned char, 12> bytes{};
+    BufferWriter writer(bytes.data(), 12);
+    for (const int length : {-2147483647 - 1, -1, 0, 5, 13, 2147483647}) {
+        writer.seekSet(1);
+        writer.writeInt(length);
+        BufferReader reader(bytes.data(), 12);
+        EXPECT_FALSE(skipRecord(reader)) << length;
+        EXPECT_EQ(reader.position, 0);
+    }
+    writer.seekSet(1);
+    writer.writeInt(12);
+    for (std::uint32_t size = 0; size < 12; ++size) {
+        BufferReader cut(bytes.data(), size);
+        EXPECT_FALSE(skipRecord(cut)) << size;
+    }
+}
+
+TEST(Records, AScanOfRubbishEnds) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 20000; ++round) {
+        const std::uint32_t size = random() % 64;
+        const auto bytes = std::make_unique<unsigned char[]>(size);
+        for (std::uint32_t i = 0; i < size; ++i) {
+            // Small values make lengths that lead somewhere.
+            bytes[i] = static_cast<unsigned char>(random() % (random() % 4 == 0 ? 256 : 9));
+        }
+        BufferReader reader(bytes.get(), size);
+        int steps = 0;
+        int frame = 0;
+        while (!KorCoderBase::decodeEnd(reader) &&
+               (KorCoderBase::decodeBegin(reader, frame) || skipRecord(reader))) {
+            ASSERT_LE(++steps * kRecordHeaderBytes, static_cast<int>(size)) << "round " << round;
+        }
+    }
+}
+
+TEST(Records, ValuesComeBackElementByElement) {
+    Buffer buffer;
+    BufferWriter& writer = buffer.writer;
+    dmat4 wide;
+    mat4 narrow;
+    for (int i = 0; i < 16; ++i) {
+        wide.m[i] = i + 1;
+        narrow.m[i] = static_cast<float>(-i);
+    }
+    EXPECT_TRUE(KorKit::writeDMat4(writer, wide));
+    EXPECT_EQ(writer.tell(), 128);
+    EXPECT_TRUE(KorKit::writeMat4(writer, narrow));
+    EXPECT_TRUE(KorKit::writeVec3(writer, {1, 2, 3}));
+    EXPECT_TRUE(KorKit::writeDVec3(writer, {4, 5, 6}));
+    EXPECT_EQ(writer.tell(), 128 + 64 + 12 + 24);
+    BufferReader reader = buffer.reader();
+    EXPECT_EQ(reader.readDouble(), 1.0);
+    reader.seekSet(0);
+    EXPECT_EQ(KorMsg::readDMat4(reader), wide);
+    EXPECT_EQ(KorMsg::readMat4(reader), narrow);
+    EXPECT_EQ(KorMsg::readVec3(reader), (vec3{1, 2, 3}));
+    EXPECT_EQ(KorMsg::readDVec3(reader), (dvec3{4, 5, 6}));
+    EXPECT_EQ(KorKit::readDQuat(reader), dquat{});
+
+    writer.seekSet(0);
+    KorKit::writeVec4(writer, {1, 2, 3, 4});
+    KorMsg::writeQuat(writer, {1, 2, 3, 4});
+    KorKit::writeDQuat(writer, {5, 6, 7, 8});
+    EXPECT_EQ(writer.tell(), 64);
+    EXPECT_EQ(std::memcmp(buffer.bytes.data(), buffer.bytes.data() + 16, 16), 0);
+    reader.seekSet(0);
+    EXPECT_EQ(KorKit::readQuat(reader), (quat{1, 2, 3, 4}));
+    EXPECT_EQ(KorKit::readVec4(reader), (vec4{1, 2, 3, 4}));
+    EXPECT_EQ(KorKit::readDQuat(reader), (dquat{5, 6, 7, 8}));
+}
+
+TEST(Records, AValueThatDoesNotFitLeavesNoPartBehind) {
+    std::array<unsigned char, 16> bytes{};
+    BufferWriter writer(bytes.data(), 15);
+    EXPECT_TRUE(KorKit::writeVec4(writer, {1, 1, 1, 1}));
+    EXPECT_TRUE(KorKit::writeMat4(writer, {}));
+    EXPECT_EQ(writer.tell(), 0);
+    EXPECT_EQ(bytes, (std::array<unsigned char, 16>{}));
+}
+
+} // namespace
