@@ -1,0 +1,24 @@
+#pragma once
+
+/// What the two programs share: ending on a signal, what of the log is shown, exit status.
+
+enum ExitStatus : int {
+    kExitDone = 0,
+    kExitFailed = 1,     ///< a fault while running
+    kExitUsage = 2,      ///< bad arguments
+    kExitPortsInUse = 3, ///< a port cannot be opened
+};
+
+/// Lets SIGINT, SIGTERM and SIGHUP ask the program to end, and makes writing to a closed pipe an error
+/// instead of a death.
+void installSignalHandlers();
+
+/// True once a signal has come.
+bool stopRequested();
+
+/// Shows the library's log on standard error: warnings and errors, with `verbose` messages too. A warning or
+/// error repeated word for word is shown once per second at most, with the number of times.
+void showLog(bool verbose);
+
+/// Errors logged since the program began.
+int loggedErrors();

@@ -1,0 +1,174 @@
+// kor-master: computes an animated scene and sends it, frame by frame, to every slave that joins.
+
+#include "MasterOptions.h"
+#include "Program.h"
+#include "Report.h"
+#include "SceneRecords.h"
+
+#include <kor/kor.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+kor::jVector<unsigned short> toVector(const std::vector<unsigned short>& ports) {
+    kor::jVector<unsigned short> result;
+    result.push_back(ports.data(), static_cast<int>(ports.size()));
+    return result;
+}
+
+class Master : public kor::KorLogicServer {
+public:
+    Master(const MasterOptions& options, Report& report) : options_(options), report_(report) {
+        setFrameInterval(1 / options.rate);
+        animate(scene_, 0);
+        bytes_.resize(static_cast<std::size_t>(frameSize(scene_, options.payload)), 0x5A);
+    }
+
+    bool open() {
+        auto announcePorts = toVector(options_.announcePorts);
+        auto bindPorts = toVector(options_.bindPorts);
+        auto dataPorts = toVector(options_.dataPorts);
+        return init(options_.broadcast.c_str(), announcePorts, bindPorts, dataPorts);
+    }
+
+    void update() override {
+        const double begun = kor::jTimer::getTimeSecond();
+        const int frame = getFrameID() + options_.lead;
+        animate(scene_, frame * getFrameInterval());
+        kor::BufferWriter writer(bytes_.data(), static_cast<int>(bytes_.size()));
+        if (writeFrame(writer, frame, scene_, options_.payload)) {
+            server->send(writer.getData(), writer.tell());
+        }
+        report_.add(
+            {{"type", "update"}, {"frame", getFrameID()}, {"boundary", getFrameTime()}, {"time", begun}});
+    }
+
+    /// One pass of the frame loop.
+    void step() {
+        skipMissedFrames();
+        const int before = getFrameID();
+        swap();
+        ++swaps_;
+        if (getFrameID() - before > 1) {
+            ++lateSwaps_;
+        }
+    }
+
+    void reportHeader() {
+        report_.add({{"type", "header"},
+                     {"role", "master"},
+                     {"zero", kor::jTimer::getZeroOnSystemClock()},
+                     {"interval", getFrameInterval()},
+                     {"lead", options_.lead},
+                     {"payload", options_.payload},
+                     {"packet", bytes_.size()}});
+    }
+
+    void reportStatus(double now) {
+        auto joined = nlohmann::ordered_json::array();
+        std::string line =
+            "frame " + std::to_string(getFrameID()) + "  late swaps " + std::to_string(lateSwaps_);
+        for (int i = 0; i < getNumSlaves(); ++i) {
+            const Slave* slave = getSlave(i);
+            if (!slave || !slave->isInit || !slave->client) {
+                continue;
+            }
+            const kor::Client& client = *slave->client;
+            std::string cameras;
+            for (const kor::KorLogicServer::SlaveCamera& camera : slave->cameras) {
+                cameras += (cameras.empty() ? "" : ",") + std::string(camera.name);
+            }
+            char text[512];
+            std::snprintf(text, sizeof text, "  |  %s (%s) reported %.1f", client.getName().c_str(),
+                          cameras.c_str(), client.getIDCheck());
+            line += text;
+            joined.push_back({{"name", client.getName().c_str()},
+                              {"cameras", cameras},
+                              {"address", slave->addr.formatString().c_str()},
+                              {"reported_position", client.getIDCheck()}});
+        }
+        report_.add({{"type", "status"},
+                     {"time", now},
+                     {"frame", getFrameID()},
+                     {"late_swaps", lateSwaps_},
+                     {"slaves", joined}});
+        if (!options_.quiet) {
+            std::puts(line.c_str());
+            std::fflush(stdout);
+        }
+    }
+
+    void reportEnd() {
+        report_.add(
+            {{"type", "end"}, {"frame", getFrameID()}, {"swaps", swaps_}, {"late_swaps", lateSwaps_}});
+    }
+
+private:
+    /// Frames are counted on the clock, and swap() calls update() for each that it passes. Whoever joins late
+    /// or was stopped for a while goes on with the present frame instead of replaying what nobody waits for
+    /// any more.
+    void skipMissedFrames() {
+        const int present = static_cast<int>(kor::jTimer::getTimeSecond() / getFrameInterval());
+        if (present - getFrameID() > std::max(static_cast<int>(options_.rate), 1)) {
+            setFrameID(present);
+        }
+    }
+
+    const MasterOptions& options_;
+    Report& report_;
+    Scene scene_;
+    std::vector<unsigned char> bytes_;
+    long long swaps_ = 0;
+    long long lateSwaps_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    MasterOptions options;
+    if (const int status = parseMasterOptions(argc, argv, options); status >= 0) {
+        return status;
+    }
+    installSignalHandlers();
+    showLog(options.verbose);
+    Report report;
+    if (!options.report.empty() && !report.open(options.report)) {
+        return kExitFailed;
+    }
+
+    Master master(options, report);
+    if (!master.open()) {
+        return kExitUsage;
+    }
+    // A port that is taken does not make init fail, although slaves then find or reach this master only in
+    // part or not at all: the library says so in the log.
+    if (loggedErrors() > 0) {
+        std::fprintf(stderr, "kor-master: a port cannot be opened, see above\n");
+        return kExitPortsInUse;
+    }
+    master.reportHeader();
+
+    const double start = kor::jTimer::getTimeSecond();
+    double statusDue = start + 1;
+    bool reported = true;
+    while (!stopRequested() && reported) {
+        master.step();
+        const double now = kor::jTimer::getTimeSecond();
+        if (now >= statusDue) {
+            statusDue = now + 1;
+            master.reportStatus(now);
+        }
+        reported = report.flushIfDue(now);
+        if (options.seconds > 0 && now - start >= options.seconds) {
+            break;
+        }
+    }
+    master.release();
+    master.reportEnd();
+    return report.flush() && reported ? kExitDone : kExitFailed;
+}

@@ -1,0 +1,213 @@
+"""The demo as a user runs it: what it prints and writes, how it ends, and that two of them do not meet.
+
+No figure that depends on how busy the machine is, is looked at.
+"""
+
+import json
+import os
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from pathlib import Path
+
+DEMO = Path(__file__).resolve().parents[2] / "tools" / "demo.py"
+BUILD = Path(os.environ["KOR_BUILD"])
+PATIENCE = 120  # seconds, for whatever must happen at some time
+
+
+def start(*arguments, **options):
+    return subprocess.Popen(
+        [sys.executable, str(DEMO), "--build", str(BUILD), *map(str, arguments)],
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        start_new_session=True,
+        **options,
+    )
+
+
+def finish(process):
+    """Output and error text; the process must end by itself."""
+    try:
+        return process.communicate(timeout=PATIENCE)
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)
+        raise
+
+
+def run_program(name, *arguments):
+    return subprocess.run(
+        [str(BUILD / "examples" / name), *map(str, arguments)],
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=PATIENCE,
+    )
+
+
+def group_lives(group):
+    try:
+        os.killpg(group, 0)
+        return True
+    except ProcessLookupError:
+        return False
+
+
+class Run(unittest.TestCase):
+    def assert_percentiles(self, figures):
+        self.assertEqual(list(figures), ["p50", "p99", "max"])
+        self.assertLessEqual(0, figures["p50"])
+        self.assertLessEqual(figures["p50"], figures["p99"])
+        self.assertLessEqual(figures["p99"], figures["max"])
+
+    def assert_summary(self, summary, slaves, lead, rate):
+        self.assertEqual(
+            list(summary), ["seconds", "lead", "rate", "master", "slaves", "disagreement_frames"]
+        )
+        self.assertEqual((summary["lead"], summary["rate"]), (lead, rate))
+        self.assertEqual(list(summary["master"]), ["frames", "late_swaps", "frame_error_us"])
+        self.assertGreater(summary["master"]["frames"], 0)
+        self.assert_percentiles(summary["master"]["frame_error_us"])
+        self.assertEqual(len(summary["slaves"]), slaves)
+        for slave in summary["slaves"]:
+            self.assert_slave(slave)
+
+    def assert_slave(self, slave):
+        results = ["lerp", "hit", "over_hit", "none"]
+        self.assertEqual(
+            list(slave),
+            ["name", "cameras", "lock_seconds", "waits", *results, "offset_error_us", "position_error_us"],
+        )
+        self.assertTrue(slave["cameras"])
+        self.assertGreater(slave["lock_seconds"], 0)
+        self.assertGreater(slave["lerp"], 0)
+        self.assertEqual(slave["waits"], sum(slave[result] for result in results))
+        self.assert_percentiles(slave["offset_error_us"])
+        self.assert_percentiles(slave["position_error_us"])
+
+    def demo(self, *arguments):
+        with tempfile.TemporaryDirectory() as folder:
+            file = Path(folder) / "figures.json"
+            process = start("--grace", PATIENCE / 2, "--json", file, *arguments)
+            output, errors = finish(process)
+            self.assertEqual(process.returncode, 0, output + errors)
+            self.assertFalse(group_lives(process.pid), "a process was left behind")
+            return json.loads(file.read_text()), output
+
+    def test_two_slaves(self):
+        summary, output = self.demo("--slaves", 2, "--seconds", 3)
+        self.assert_summary(summary, slaves=2, lead=2, rate=60)
+        self.assert_percentiles(summary["disagreement_frames"])
+        self.assertEqual([slave["name"] for slave in summary["slaves"]], ["slave-1", "slave-2"])
+        self.assertIn("slave-2", output)
+
+    def test_other_rate_and_lead_with_payload(self):
+        summary, _ = self.demo("--slaves", 1, "--seconds", 2, "--rate", 30, "--lead", 12, "--payload", 100000)
+        self.assert_summary(summary, slaves=1, lead=12, rate=30)
+        self.assertEqual(summary["disagreement_frames"], {"p50": None, "p99": None, "max": None})
+
+    def test_two_at_once_do_not_meet(self):
+        demos = [start("--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2) for _ in range(2)]
+        for demo in demos:
+            output, errors = finish(demo)
+            self.assertEqual(demo.returncode, 0, output + errors)
+
+
+class End(unittest.TestCase):
+    """However the demo is ended, its processes end too."""
+
+    def end_by(self, number):
+        process = start("--slaves", 2, "--seconds", 3600)
+        process.stdout.readline()  # something is running
+        process.send_signal(number)
+        finish(process)
+        deadline = time.monotonic() + PATIENCE
+        while group_lives(process.pid):
+            self.assertLess(time.monotonic(), deadline, "a process was left behind")
+            time.sleep(0.05)
+        return process.returncode
+
+    def test_interrupt(self):
+        self.assertEqual(self.end_by(signal.SIGINT), 130)
+
+    def test_terminate(self):
+        self.assertEqual(self.end_by(signal.SIGTERM), 130)
+
+    def test_kill(self):
+        self.assertEqual(self.end_by(signal.SIGKILL), -signal.SIGKILL)
+
+
+class Arguments(unittest.TestCase):
+    def test_bad_arguments_of_the_demo(self):
+        for arguments in (
+            ["--slaves", "0"],
+            ["--slaves", "many"],
+            ["--seconds", "nan"],
+            ["--seconds", "-1"],
+            ["--lead", "1.5"],
+            ["--rate", "0"],
+            ["--payload", "1000000000000"],
+            ["--json", "/nowhere/figures.json"],
+            ["--unknown"],
+        ):
+            with self.subTest(arguments=arguments):
+                process = start(*arguments)
+                _, errors = finish(process)
+                self.assertEqual(process.returncode, 2, errors)
+                self.assertIn(arguments[0], errors)
+                self.assertNotIn("Traceback", errors)
+
+    def test_programs_explain_themselves(self):
+        for program in ("kor-master", "kor-slave"):
+            result = run_program(program, "--help")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("--report", result.stdout)
+            self.assertIn("Exit status", result.stdout)
+
+    def test_bad_arguments_of_the_programs(self):
+        for command in (
+            ["kor-master", "--rate", "0"],
+            ["kor-master", "--lead", "-1"],
+            ["kor-master", "--payload", "4000000000"],
+            ["kor-master", "--data-ports", "70000"],
+            ["kor-master", "--data-ports", "7300,7301"],
+            ["kor-master", "--broadcast", "127.0.0.1"],
+            ["kor-slave", "--announce-port", "0"],
+            ["kor-slave", "--camera", "x" * 300],
+            ["kor-slave", "--rate", "nan"],
+            ["kor-slave", "surplus"],
+        ):
+            with self.subTest(command=command):
+                result = run_program(*command, "--seconds", "1")
+                self.assertEqual(result.returncode, 2, result.stderr)
+                self.assertTrue(result.stderr)
+
+    def test_report_that_cannot_be_written(self):
+        for program in ("kor-master", "kor-slave"):
+            result = run_program(program, "--report", "/nowhere/report", "--seconds", 1)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("/nowhere/report", result.stderr)
+
+    def test_ports_in_use(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
+            taken.bind(("", 0))
+            port = taken.getsockname()[1]
+            for command in (
+                ["kor-master", "--data-ports", port],
+                ["kor-master", "--bind-ports", port],
+                ["kor-slave", "--announce-port", port],
+                ["kor-slave", "--port", port],
+            ):
+                with self.subTest(command=command):
+                    result = run_program(*command, "--seconds", 1)
+                    self.assertEqual(result.returncode, 3, result.stderr)
+                    self.assertIn(str(port), result.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,1 @@
+"""What demo.py is made of."""

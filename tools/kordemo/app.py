@@ -1,0 +1,120 @@
+"""One run of the demo: start, watch, end, sum up."""
+
+from __future__ import annotations
+
+import argparse
+import json
+import signal
+import sys
+import time
+from types import FrameType
+
+from rich.console import Console
+
+from .cluster import ENDING_SIGNALS, Cluster, ClusterError, Plan, PortsTaken
+from .screen import Screen, print_summary
+from .summary import SlaveFigures, figures, summarize
+
+REFRESH_SECONDS = 0.1
+START_ATTEMPTS = 5
+
+EXIT_LOCKED, EXIT_FAILED, EXIT_INTERRUPTED = 0, 1, 130
+
+
+class Interrupted(Exception):
+    """SIGINT, SIGTERM or SIGHUP."""
+
+
+def interrupt(number: int, _frame: FrameType | None) -> None:
+    raise Interrupted(signal.Signals(number).name)
+
+
+def all_locked(cluster: Cluster) -> bool:
+    return all(slave.first_blend is not None for slave in cluster.slaves)
+
+
+def watch(cluster: Cluster, arguments: argparse.Namespace, screen: Screen) -> float:
+    """Shows the cluster until its time is over. Returns how long that was."""
+    begin = time.monotonic()
+    while True:
+        elapsed = time.monotonic() - begin
+        with cluster.locked():
+            cluster.check()
+            screen.show(cluster, elapsed, arguments.seconds)
+            over = elapsed >= arguments.seconds and all_locked(cluster)
+        if over or elapsed >= arguments.seconds + arguments.grace:
+            return elapsed
+        time.sleep(REFRESH_SECONDS)
+
+
+def run_cluster(plan: Plan, arguments: argparse.Namespace, console: Console) -> tuple[Cluster, float]:
+    """Runs the cluster to its end, with other ports when somebody took one of ours just before."""
+    for attempt in range(START_ATTEMPTS):
+        cluster = Cluster(plan)
+        try:
+            with cluster, Screen(console) as screen:
+                seconds = watch(cluster, arguments, screen)
+            return cluster, seconds
+        except PortsTaken:
+            if attempt + 1 == START_ATTEMPTS:
+                raise
+        finally:
+            if arguments.logs:
+                cluster.save_logs(arguments.logs)
+    raise AssertionError("unreachable")
+
+
+def complaints(cluster: Cluster, slaves: list[SlaveFigures]) -> list[str]:
+    """What was not as it should be."""
+    result = cluster.faults()
+    for slave in slaves:
+        name = slave.process.name
+        if not slave.locked:
+            result.append(f"{name} did not lock: {why_unlocked(slave, cluster.plan.lead)}")
+        if wrong := slave.wrong_scenes():
+            result.append(f"{name} showed a scene that does not belong to its frame position, {wrong} times")
+        if bad := slave.stream.status.get("bad_frames", 0):
+            result.append(f"{name} received {bad} frames that cannot be read")
+    return result
+
+
+def why_unlocked(slave: SlaveFigures, lead: int) -> str:
+    if slave.stream.last.get("offset_ms") is None:
+        return "it found no master"
+    return f"data sent {lead} frames ahead came too late for its refreshes; with --lead {lead + 1} it may"
+
+
+def run(arguments: argparse.Namespace) -> int:
+    """Runs the demo; returns its exit status."""
+    for name in ENDING_SIGNALS:
+        signal.signal(name, interrupt)
+    plan = Plan(
+        programs=arguments.build / "examples",
+        slaves=arguments.slaves,
+        lead=arguments.lead,
+        rate=arguments.rate,
+        payload=arguments.payload,
+    )
+    console = Console()
+    try:
+        cluster, seconds = run_cluster(plan, arguments, console)
+    except ClusterError as error:
+        print(f"demo: {error}", file=sys.stderr)
+        return EXIT_FAILED
+    except Interrupted as reason:
+        print(f"demo: ended by {reason}", file=sys.stderr)
+        return EXIT_INTERRUPTED
+
+    slaves = list(figures(cluster))
+    summary = summarize(cluster, slaves, seconds)
+    print_summary(console, summary)
+    if arguments.json:
+        try:
+            arguments.json.write_text(json.dumps(summary, indent=2) + "\n")
+        except OSError as error:
+            print(f"demo: cannot write {arguments.json}: {error.strerror}", file=sys.stderr)
+            return EXIT_FAILED
+    faults = complaints(cluster, slaves)
+    for fault in faults:
+        print(f"demo: {fault}", file=sys.stderr)
+    return EXIT_FAILED if faults else EXIT_LOCKED

@@ -1,0 +1,68 @@
+"""The demo's arguments."""
+
+from __future__ import annotations
+
+import argparse
+import os
+from pathlib import Path
+from typing import Callable
+
+
+def between(low: float, high: float, kind: Callable[[str], float]) -> Callable[[str], float]:
+    def parse(text: str) -> float:
+        try:
+            value = kind(text)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"'{text}' is not a number") from None
+        if not low <= value <= high:
+            raise argparse.ArgumentTypeError(f"{text} is not between {low:g} and {high:g}")
+        return value
+
+    return parse
+
+
+def parse_arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(
+        prog="script/demo",
+        description="Runs a master and slaves on this machine over loopback broadcast and measures their lock.",
+        epilog="Exit status: 0 every slave locked, 1 one did not or a process failed, 2 bad arguments, "
+        "130 interrupted. docs/demo.md tells what is measured and how.",
+    )
+    parser.add_argument("--slaves", metavar="N", type=between(1, 64, int), default=3, help="slaves (3)")
+    parser.add_argument("--seconds", metavar="S", type=between(0.5, 3600, float), default=10.0, help="duration (10)")
+    parser.add_argument(
+        "--lead", metavar="L", type=between(0, 120, int), default=2, help="frames that data is sent ahead (2)"
+    )
+    parser.add_argument(
+        "--rate", metavar="HZ", type=between(1, 1000, float), default=60.0, help="frames per second (60)"
+    )
+    parser.add_argument(
+        "--payload", metavar="BYTES", type=between(0, 32 << 20, int), default=0, help="more bytes per frame (0)"
+    )
+    parser.add_argument("--json", metavar="FILE", type=Path, help="write the figures to this file")
+    parser.add_argument(
+        "--grace",
+        metavar="S",
+        type=between(0, 3600, float),
+        default=0.0,
+        help="wait so much longer for slaves that have not locked by then (0)",
+    )
+    parser.add_argument("--logs", metavar="DIR", type=Path, help="keep what the processes printed")
+    parser.add_argument(
+        "--build",
+        metavar="DIR",
+        type=Path,
+        default=Path(__file__).resolve().parents[2] / "build",
+        help="build folder (build)",
+    )
+    arguments = parser.parse_args()
+    if arguments.json and not writable(arguments.json):
+        parser.error(f"argument --json: cannot write {arguments.json}")
+    return arguments
+
+
+def writable(path: Path) -> bool:
+    """Whether a file can be put there. Leaves what is there as it is."""
+    if path.exists():
+        return not path.is_dir() and os.access(path, os.W_OK)
+    return path.parent.is_dir() and os.access(path.parent, os.W_OK)
