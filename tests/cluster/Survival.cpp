@@ -1,0 +1,154 @@
+// Slaves and masters that die, stop for a while, and come back.
+
+#include "support/Cluster.h"
+
+#include <csignal>
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+class Survival : public Cluster {
+protected:
+    /// Stops a process for that long at least; true when it was not stopped for much longer, as happens on
+    /// a busy machine.
+    static bool stopFor(ChildProcess& process, milliseconds time, milliseconds most) {
+        const Clock::time_point begin = Clock::now();
+        process.signal(SIGSTOP);
+        while (Clock::now() < begin + time) {
+            ChildProcess::pump(milliseconds(20));
+        }
+        process.signal(SIGCONT);
+        return Clock::now() <= begin + most;
+    }
+
+    void startAndLock(int count) {
+        startMaster(count);
+        startSlaves(count);
+        ASSERT_TRUE(awaitAllLockedAnew());
+    }
+
+    bool awaitSlaves(int count) {
+        return await([&] { return master().last("status").count("introduced") == count; });
+    }
+};
+
+TEST_F(Survival, AKilledSlaveIsForgottenAndTheOthersDoNotNotice) {
+    startAndLock(3);
+    ASSERT_TRUE(awaitSlaves(3));
+    const auto before = marks();
+    slave(1).kill();
+    EXPECT_TRUE(awaitSlaves(2));
+    EXPECT_EQ(master().last("status").text("names").find("slave1"), std::string::npos);
+    EXPECT_TRUE(await([&] {
+        return slave(0).lockedStill(master(), before[0]) && slave(2).lockedStill(master(), before[2]);
+    }));
+
+    slave(1).start();
+    EXPECT_TRUE(await([&] { return slave(1).lockedAnew(master()); }));
+    EXPECT_TRUE(awaitSlaves(3));
+    EXPECT_EQ(slave(0).count("sessions"), 1);
+    EXPECT_EQ(slave(2).count("sessions"), 1);
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+TEST_F(Survival, ASlaveStoppedForASecondKeepsItsConnectionAndLosesNothing) {
+    startAndLock(2);
+    bool inTime = false;
+    for (int i = 0; i < 5 && !inTime; ++i) {
+        const auto before = marks();
+        inTime = stopFor(slave(0).process(), milliseconds(1000), milliseconds(1500));
+        if (inTime) {
+            EXPECT_TRUE(awaitAllLockedStill(before));
+        } else {
+            EXPECT_TRUE(await([&] { return slave(0).lockedAnew(master()); }));
+        }
+    }
+    if (!inTime) {
+        GTEST_SKIP() << "the machine is too busy to stop a process for one second";
+    }
+    EXPECT_EQ(slave(1).count("sessions"), 1);
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+TEST_F(Survival, ASlaveStoppedForFourSecondsComesBackByItself) {
+    startAndLock(2);
+    const auto before = marks();
+    stopFor(slave(0).process(), milliseconds(4000), milliseconds(3600 * 1000));
+    EXPECT_TRUE(await([&] { return slave(0).lockedAnew(master(), before[0]); }));
+    EXPECT_TRUE(awaitSlaves(2));
+    EXPECT_TRUE(await([&] { return slave(1).lockedStill(master(), before[1]); }));
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+TEST_F(Survival, AStoppedMasterIsFoundAgain) {
+    startAndLock(2);
+    const auto before = marks();
+    stopFor(master(), milliseconds(4000), milliseconds(3600 * 1000));
+    EXPECT_TRUE(awaitAllLockedAnew(before));
+    EXPECT_TRUE(awaitSlaves(2));
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+TEST_F(Survival, SlavesLockAgainOnAMasterThatWasKilledAndStartedAgain) {
+    startAndLock(3);
+    for (int i = 0; i < 2; ++i) {
+        const auto before = marks();
+        master().signal(SIGKILL);
+        ASSERT_TRUE(await([&] { return master().ended(); }));
+        startMaster(3);
+        EXPECT_TRUE(awaitAllLockedAnew(before));
+        EXPECT_TRUE(awaitSlaves(3));
+    }
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+TEST_F(Survival, SlavesLockAgainOnAMasterThatLeftAndCameBack) {
+    startAndLock(2);
+    const auto before = marks();
+    expectCleanEnd(master());
+    EXPECT_TRUE(await([&] { return slave(0).count("connected") == 0 && slave(1).count("connected") == 0; }));
+    startMaster(2);
+    EXPECT_TRUE(awaitAllLockedAnew(before));
+    expectCleanTraffic();
+    expectCleanEnd();
+}
+
+// The slave shuts its ears while it has a master, and what was sent meanwhile must not reach it afterwards.
+TEST_F(Survival, ADeadMastersLastAnnouncementIsNeverTaken) {
+    startAndLock(1);
+    ChildProcess& node = slave(0).process();
+    const auto heard = [&] {
+        std::vector<std::string> lines;
+        std::copy_if(
+            node.log().begin(), node.log().end(), std::back_inserter(lines),
+            [](const std::string& line) { return line.find("recv broadcast") != std::string::npos; });
+        return lines;
+    };
+    ASSERT_EQ(heard().size(), 1u);
+    const auto before = marks();
+    const long long announced = master().last("status").count("frame");
+    ASSERT_TRUE(await([&] { return master().last("status").count("frame") > announced + 60; }));
+    master().signal(SIGKILL);
+    ASSERT_TRUE(await([&] { return slave(0).count("connected") == 0 && slave(0).count("clears") > 1; }));
+
+    // A master with other ports is the first that it hears after that.
+    Arguments arguments = masterArguments(1, 1);
+    arguments["announce"] = std::to_string(announcePort(0));
+    master_ = startNode("master", "master", arguments);
+    EXPECT_TRUE(awaitAllLockedAnew(before));
+    ASSERT_EQ(heard().size(), 2u);
+    EXPECT_NE(heard()[1].find(":" + std::to_string(dataPort(1)) + "]"), std::string::npos) << heard()[1];
+    expectCleanEnd();
+}
+
+} // namespace
