@@ -1,0 +1,68 @@
+#include "../Statistics.h"
+#include "Figures.h"
+#include "Peers.h"
+
+#include <algorithm>
+#include <map>
+#include <stdexcept>
+
+namespace kor::bench {
+
+namespace {
+
+constexpr int kRounds = 5;
+constexpr double kPerSecond = 240;
+constexpr double kTicks = 480;
+constexpr double kBytes = 1024;
+constexpr double kLimitPercent = 35;
+constexpr double kLimitSpreadMs = 1;
+
+struct Span {
+    double count = 0;
+    double first = 0;
+    double last = 0;
+};
+
+/// What all hosts saw of each tick together.
+std::map<std::size_t, Span> ticksOf(Peers& peers) {
+    std::map<std::size_t, Span> ticks;
+    for (const auto& host : peers.hosts) {
+        const std::vector<double> numbers = host->ask("arrivals");
+        for (std::size_t i = 0; i + 2 < numbers.size(); i += 3) {
+            Span& tick = ticks[i / 3];
+            if (numbers[i] == 0)
+                continue;
+            tick.first = tick.count == 0 ? numbers[i + 1] : std::min(tick.first, numbers[i + 1]);
+            tick.last = std::max(tick.last, numbers[i + 2]);
+            tick.count += numbers[i];
+        }
+    }
+    return ticks;
+}
+
+} // namespace
+
+void measureFanOut(Table& table) {
+    Peers peers;
+    peers.master.ask("ticks", {kPerSecond, kPerSecond, kBytes});
+    ticksOf(peers);
+    std::vector<double> loads;
+    std::vector<double> spreads;
+    for (int round = 0; round != kRounds; ++round) {
+        const std::vector<double> before = peers.master.ask("usage");
+        loads.push_back(peers.load(before, peers.master.ask("ticks", {kTicks, kPerSecond, kBytes})));
+        peers.master.ask("users", {kPeers}); // let the last tick arrive
+        std::vector<double> ofRound;
+        for (const auto& [number, tick] : ticksOf(peers))
+            if (tick.count == kPeers)
+                ofRound.push_back((tick.last - tick.first) * 1e-6);
+        if (static_cast<double>(ofRound.size()) < kTicks / 2)
+            throw std::runtime_error("most ticks did not reach every peer");
+        spreads.push_back(median(ofRound));
+    }
+    table.add({"fan-out, 250 peers at 240 Hz, sender's load, vs limit", median(loads), "%", kLimitPercent});
+    table.add(
+        {"fan-out, 250 peers at 240 Hz, spread of a tick, vs limit", median(spreads), "ms", kLimitSpreadMs});
+}
+
+} // namespace kor::bench
