@@ -46,12 +46,14 @@ KorLogicClient::~KorLogicClient() {
 
 bool KorLogicClient::init(int broadcastRecvPort, int bindPort, const jString& name,
                           const jVector<jString>& cameras) {
+    const jString ownName(name); // the arguments may belong to the endpoint that goes
+    const jVector<jString> ownCameras(cameras);
     if (client) {
         free_client();
         clearState();
     }
     client = detail::makeTracked<KorClient>(kFile, __LINE__, "KorLogicClient::init");
-    if (!client->init(broadcastRecvPort, bindPort, name, cameras)) {
+    if (!client->init(broadcastRecvPort, bindPort, ownName, ownCameras)) {
         jLog::error("%s:init KorClient failed", "KorLogicClient::init");
         free_client();
         return false;

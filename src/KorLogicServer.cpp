@@ -27,13 +27,14 @@ KorLogicServer::~KorLogicServer() {
 
 bool KorLogicServer::init(const jString& broadcastIP, jVector<unsigned short>& broadcastSendPorts,
                           jVector<unsigned short>& broadcastBindPorts, jVector<unsigned short>& dataPorts) {
+    const jString ip(broadcastIP); // the argument may belong to the endpoint that goes
     if (server) {
         release();
     }
     forget_slaves();
     server = detail::makeTracked<KorServer>(kFile, __LINE__, "KorLogicServer::init");
     server->setHandler(this); // first, or a slave that connects at once would be missed
-    if (!server->init(broadcastIP, broadcastSendPorts, broadcastBindPorts, dataPorts)) {
+    if (!server->init(ip, broadcastSendPorts, broadcastBindPorts, dataPorts)) {
         jLog::error("%s:init KorServer failed", "KorLogicServer::init");
         server->release();
         detail::freeTracked(server, kFile, __LINE__, "KorLogicServer::init");

@@ -187,7 +187,13 @@ TEST(SlaveLogic, OpensAnewAfterAFailure) {
     EXPECT_STREQ(slave.getClient()->getName().c_str(), "b");
     EXPECT_FALSE(slave.init(0, 70000, "b", {}));
     EXPECT_EQ(slave.getClient(), nullptr);
-    ASSERT_TRUE(slave.init(0, 0, "c", {}));
+    ASSERT_TRUE(slave.init(0, 0, "c", {"left"}));
+    KorClient& before = *slave.getClient();
+    ASSERT_TRUE(slave.init(0, 0, before.getName(), before.getCamNames()))
+        << "names of the endpoint that goes";
+    EXPECT_STREQ(slave.getClient()->getName().c_str(), "c");
+    ASSERT_EQ(slave.getClient()->getCamNames().count, 1);
+    EXPECT_STREQ(slave.getClient()->getCamNames()[0].c_str(), "left");
     slave.getClient()->release();
     EXPECT_EQ(slave.wait(1), KorLogicClient::WAIT_NONE);
 }
