@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <vector>
 
 using namespace kor;
 
@@ -73,16 +74,57 @@ TEST(Records, ARejectedDecodeChangesNothing) {
     EXPECT_FALSE(KorCoderBase::decodeBegin(reader, frame));
     EXPECT_EQ(reader.position, 6);
     buffer.bytes[11] = 1;
-    for (std::uint32_t size = 6; size < 16; ++size) {
-        BufferReader cut(buffer.bytes.data(), size);
-        cut.seekSet(6);
-        EXPECT_FALSE(KorCoderBase::decodeBegin(cut, frame)) << size;
-        EXPECT_EQ(cut.position, 6);
-    }
     EXPECT_EQ(frame, 99);
     buffer.bytes[7] = 200; // a wrong length is nothing to a decoder
     EXPECT_TRUE(KorCoderBase::decodeBegin(reader, frame));
     EXPECT_EQ(frame, 5);
+}
+
+/// Decodes every truncation of the record in the buffer; `decode` must refuse all but the whole one.
+template <class Decode>
+void expectOnlyTheWhole(const Buffer& buffer, Decode decode) {
+    const auto whole = static_cast<std::uint32_t>(buffer.writer.tell());
+    for (std::uint32_t size = 0; size <= whole; ++size) {
+        const std::vector<unsigned char> cut(buffer.bytes.begin(), buffer.bytes.begin() + size);
+        BufferReader reader(cut.data(), size);
+        EXPECT_EQ(decode(reader), size == whole) << size << " of " << whole;
+        EXPECT_EQ(reader.position, size == whole ? static_cast<int>(whole) : 0);
+    }
+}
+
+TEST(Records, EveryTruncationIsRejectedAndChangesNothing) {
+    int a = 99;
+    int b = 98;
+    double x = 97;
+    double y = 96;
+    const auto untouched = [&] { return a == 99 && b == 98 && x == 97 && y == 96; };
+    const auto check = [&](auto encode, auto decode) {
+        Buffer buffer;
+        encode(buffer.writer);
+        expectOnlyTheWhole(buffer, [&](BufferReader& reader) {
+            const bool decoded = decode(reader);
+            EXPECT_TRUE(decoded || untouched());
+            return decoded;
+        });
+        a = 99;
+        b = 98;
+        x = 97;
+        y = 96;
+    };
+    check([](BufferWriter& w) { KorCoderBase::codeBegin(w, 5); },
+          [&](BufferReader& r) { return KorCoderBase::decodeBegin(r, a); });
+    check([](BufferWriter& w) { KorCoderBase::codeEnd(w); },
+          [](BufferReader& r) { return KorCoderBase::decodeEnd(r); });
+    check([](BufferWriter& w) { KorCoderBase::codeSlaveTimeInServer(w, 1, 2); },
+          [&](BufferReader& r) { return KorCoderBase::decodeSlaveTimeInServer(r, x, y); });
+    check([](BufferWriter& w) { KorCoderBase::codeTimeCheckResult(w, 1); },
+          [&](BufferReader& r) { return KorCoderBase::decodeTimeCheckResult(r, x); });
+    check([](BufferWriter& w) { KorCoderBase::codeFrameAck(w, 1); },
+          [&](BufferReader& r) { return KorCoderBase::decodeFrameAck(r, a); });
+    check([](BufferWriter& w) { KorCoderBase::codeSwap(w, 1); },
+          [&](BufferReader& r) { return KorCoderBase::decodeSwap(r, a); });
+    check([](BufferWriter& w) { KorMsg::codeBroadcast(w, 1, 2); },
+          [&](BufferReader& r) { return KorMsg::decodeBroadcast(r, a, b); });
 }
 
 TEST(Records, AnEncoderWritesAWholeRecordOrNothing) {
