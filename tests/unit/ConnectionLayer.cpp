@@ -208,20 +208,23 @@ TEST_F(ConnectionLayer, GoesOnReceivingWhileAHandlerWaitsForALock) {
 TEST_F(ConnectionLayer, DetachingWaitsForARunningHandlerAndNoCallFollows) {
     std::atomic<bool> inside{false};
     std::atomic<bool> leave{false};
+    std::atomic<bool> left{false};
     std::atomic<int> calls{0};
     b.recorder.packetHook = [&](RTUser*, Packet*) {
         ++calls;
         inside = true;
         while (!leave)
             std::this_thread::yield();
+        std::this_thread::sleep_for(20ms); // so that a detaching that does not wait is back before
+        left = true;
     };
     a.recorder.user->sendAsyn("1", 1);
     a.recorder.user->sendAsyn("2", 1);
     while (!inside)
         std::this_thread::yield();
-    std::thread detaching([&] { b.recorder.user->setPacketHandler(nullptr); });
     leave = true;
-    detaching.join();
+    b.recorder.user->setPacketHandler(nullptr);
+    EXPECT_TRUE(left) << "the handler still runs";
     const int before = calls;
     a.recorder.user->sendAsyn("3", 1);
     // Delivered all the same: what nobody takes is dropped by the layer.
