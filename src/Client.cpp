@@ -46,10 +46,9 @@ void Client::onPacket(RTUser* from, Packet* packet) {
     state = KOR_CLIENT_STATE_ACTIVE;
     BufferReader reader(packet->data, packet->data ? packet->size : 0);
     const RTAddr& peer = from ? from->getAddr() : addr;
-    jString slaveName;
-    if (kor_init(reader, slaveName)) {
+    if (kor_init(reader)) {
         init = true;
-        jLog::message("[%s] init, name:%s", peer.formatString().c_str(), slaveName.c_str());
+        jLog::message("[%s] init, name:%s", peer.formatString().c_str(), identity.copyName().c_str());
         return;
     }
     if (!packet->data || packet->size == 0) {
@@ -69,8 +68,9 @@ void Client::onSendOver(RTUser*, RS_SendPacketsQueue* finished) {
     }
 }
 
-bool Client::kor_init(BufferReader& reader, jString& slaveName) {
+bool Client::kor_init(BufferReader& reader) {
     const int start = reader.position;
+    jString slaveName;
     jVector<jString> cameras;
     int claimed = 0;
     if (!readIntroduction(reader, slaveName, claimed, cameras) || !identity.replace(slaveName, cameras)) {

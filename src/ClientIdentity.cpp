@@ -48,6 +48,11 @@ const jVector<jString>& ClientIdentity::camNames() const {
     return block ? block->camNames : kNone;
 }
 
+jString ClientIdentity::copyName() const {
+    AtomicLock guard(&lock_);
+    return name();
+}
+
 void ClientIdentity::setName(const jString& newName) {
     AtomicLock guard(&lock_);
     publish(makeTracked<Block>(kFile, __LINE__, "ClientIdentity::setName", newName, camNames()));

@@ -160,7 +160,7 @@ private:
     friend class KorServer;
     friend class detail::ClientRecords;
 
-    bool kor_init(BufferReader& reader, jString& slaveName);
+    bool kor_init(BufferReader& reader);
     bool keep(Packet& packet);
 
     int lock = 0;

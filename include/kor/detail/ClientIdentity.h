@@ -22,6 +22,9 @@ public:
     const jString& name() const;
     const jVector<jString>& camNames() const;
 
+    /// The name for a thread that a `collect` may run beside.
+    jString copyName() const;
+
     void setName(const jString& name);
     void setCamNames(const jVector<jString>& camNames);
 
@@ -43,7 +46,7 @@ private:
     std::atomic<Block*> current_{nullptr};
     Block* replaced_ = nullptr;
     int replacedCount_ = 0;
-    int lock_ = 0; // guards all changes; innermost, nothing else is taken under it
+    mutable int lock_ = 0; // guards all changes; innermost, nothing else is taken under it
 };
 
 } // namespace kor::detail
