@@ -2,6 +2,22 @@
 
 jobs=$(nproc 2>/dev/null || echo 2)
 
+# help_asked ARGUMENT...: whether one of them asks for help. Asked before anything is installed or built.
+help_asked() {
+  local argument
+  for argument in "$@"; do
+    if [[ $argument == -h || $argument == --help ]]; then
+      return 0
+    fi
+  done
+  return 1
+}
+
+# print_header FILE: the comment at the top of a script, which explains it.
+print_header() {
+  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$1"
+}
+
 # locked DIR COMMAND...: one at a time per build folder, so that two scripts started at once do not build over each other.
 locked() {
   local folder=$1
