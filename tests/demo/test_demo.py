@@ -118,6 +118,24 @@ class Run(unittest.TestCase):
             self.assertEqual(demo.returncode, 0, output + errors)
 
 
+class SlowStart(unittest.TestCase):
+    """A process that has not come to its first line when the time is over."""
+
+    def test_says_who(self):
+        with tempfile.TemporaryDirectory() as folder:
+            programs = Path(folder) / "examples"
+            programs.mkdir()
+            (programs / "kor-master").symlink_to(BUILD / "examples" / "kor-master")
+            slave = programs / "kor-slave"
+            slave.write_text("#!/bin/sh\nexec sleep 3600\n")
+            slave.chmod(0o755)
+            process = start("--build", folder, "--slaves", 1, "--seconds", 1)
+            _, errors = finish(process)
+            self.assertEqual(process.returncode, 1)
+            self.assertIn("slave-1", errors)
+            self.assertNotIn("Traceback", errors)
+
+
 class End(unittest.TestCase):
     """However the demo is ended, its processes end too."""
 

@@ -54,6 +54,7 @@ def run_cluster(plan: Plan, arguments: argparse.Namespace, console: Console) -> 
         try:
             with cluster, Screen(console) as screen:
                 seconds = watch(cluster, arguments, screen)
+            cluster.check_reported()
             return cluster, seconds
         except PortsTaken:
             if attempt + 1 == START_ATTEMPTS:

@@ -215,6 +215,14 @@ class Cluster:
             if p.popen.returncode != 0
         ]
 
+    def check_reported(self) -> None:
+        """After the end: raises when a process was ended before it had said anything."""
+        for process in self.processes:
+            if process.stream.header is None:
+                raise ClusterError(
+                    f"{process.name} had not begun when the time was over; give it more --seconds\n{process.log_tail()}"
+                )
+
     def save_logs(self, folder: Path) -> None:
         folder.mkdir(parents=True, exist_ok=True)
         for process in self.processes:
