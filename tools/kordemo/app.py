@@ -71,7 +71,7 @@ def complaints(cluster: Cluster, slaves: list[SlaveFigures]) -> list[str]:
     for slave in slaves:
         name = slave.process.name
         if not slave.locked:
-            result.append(f"{name} did not lock: {why_unlocked(slave, cluster.plan.lead)}")
+            result.append(f"{name} did not lock: {why_unlocked(slave, cluster.plan)}")
         if wrong := slave.wrong_scenes():
             result.append(f"{name} showed a scene that does not belong to its frame position, {wrong} times")
         if bad := slave.stream.status.get("bad_frames", 0):
@@ -79,10 +79,11 @@ def complaints(cluster: Cluster, slaves: list[SlaveFigures]) -> list[str]:
     return result
 
 
-def why_unlocked(slave: SlaveFigures, lead: int) -> str:
+def why_unlocked(slave: SlaveFigures, plan: Plan) -> str:
     if slave.stream.last.get("offset_ms") is None:
         return "it found no master"
-    return f"data sent {lead} frames ahead came too late for its refreshes; with --lead {lead + 1} it may"
+    lead = max(plan.least_lead(), plan.lead + 1)
+    return f"data sent {plan.lead} frames ahead came too late for its refreshes; with --lead {lead} it may"
 
 
 def run(arguments: argparse.Namespace) -> int:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 import os
 import selectors
 import signal
@@ -41,6 +42,15 @@ class Plan:
     rate: float
     payload: int
     refresh: float = 60.0
+    margin: float = 0.009  # seconds before a refresh up to which a slave shows the scene
+
+    def least_lead(self) -> int:
+        """Frames that data must be sent ahead to be there in time wherever in a frame a refresh falls.
+
+        At a refresh a slave chooses a moment that lies one refresh interval, less the margin, ahead, and needs the
+        first frame after that moment.
+        """
+        return math.ceil(1 + (1 / self.refresh - self.margin) * self.rate)
 
 
 @dataclass
@@ -136,6 +146,7 @@ class Cluster:
                 "kor-slave", "--name", f"slave-{i + 1}", "--camera", ",".join(cameras),
                 "--announce-port", str(announce[i]), "--rate", f"{plan.rate:.17g}",
                 "--refresh", f"{plan.refresh:.17g}", "--phase", f"{i / count:.6f}",
+                "--margin", f"{plan.margin * 1000:.17g}",
             ])
         # fmt: on
         with ending_signals_blocked():  # a new thread inherits this: only the main thread is to get them
