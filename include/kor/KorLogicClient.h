@@ -55,7 +55,7 @@ public:
 
     /// Length of a frame of the master's in seconds, 1/60 by default; must be the master's and above 0. While
     /// it gives no frame position within 32 bits (zero, not a number), `wait` treats the master's clock as
-    /// unknown.
+    /// unknown. A negative one gives negative positions, for which a master sends no frames.
     virtual double getFrameInterval() const;
     virtual void setFrameInterval(double seconds);
 

@@ -181,8 +181,9 @@ public:
     /// held.
     jVector<Function<void(const RTAddr&)>> slaveInitSignal;
 
-    /// Raised by `remove_slave`, on the connection layer's thread, with the address of a slave that is about
-    /// to leave the registry.
+    /// Raised by `remove_slave` with the address of a slave that is about to leave the registry. It comes on
+    /// the connection layer's thread, there with the endpoint's lock held too; only for slaves of an earlier
+    /// endpoint does it come on the thread that calls `init` again.
     jVector<Function<void(const RTAddr&)>> slaveRemoveSignal;
 
 private:
