@@ -4,18 +4,19 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <string>
 
 /// Accepts numbers from `low` to `high`. Unlike CLI::Range it refuses "nan".
 inline CLI::Validator numberIn(double low, double high) {
-    const CLI::Range range(low, high);
-    return {[low, high](std::string& text) {
+    char range[64];
+    std::snprintf(range, sizeof range, "%.10g to %.10g", low, high);
+    return {[low, high, range = std::string(range)](std::string& text) {
                 double value = 0;
                 const bool fits = CLI::detail::lexical_cast(text, value) && value >= low && value <= high;
-                return fits ? std::string()
-                            : "'" + text + "' is not in " + CLI::Range(low, high).get_description();
+                return fits ? std::string() : "'" + text + "' is not a number from " + range;
             },
-            range.get_description()};
+            range};
 }
 
 /// Parses the arguments. Returns -1 to go on, else the exit status; help or the error have been printed.

@@ -16,6 +16,7 @@ void describe(CLI::App& app, MasterOptions& options) {
         "Exit status: 0 done, 1 fault while running, 2 bad arguments, 3 a port cannot be opened.");
     const auto port = numberIn(1, 65535);
     app.add_option("--broadcast", options.broadcast, "address to announce the master at; contains .255")
+        ->check(CLI::ValidIPV4)
         ->capture_default_str();
     app.add_option("--announce-ports", options.announcePorts, "ports that slaves listen on, comma-separated")
         ->delimiter(',')

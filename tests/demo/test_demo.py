@@ -195,6 +195,7 @@ class Arguments(unittest.TestCase):
             ["kor-master", "--data-ports", "70000"],
             ["kor-master", "--data-ports", "7300,7301"],
             ["kor-master", "--broadcast", "127.0.0.1"],
+            ["kor-master", "--broadcast", "network.255"],
             ["kor-slave", "--announce-port", "0"],
             ["kor-slave", "--camera", "x" * 300],
             ["kor-slave", "--rate", "nan"],
