@@ -3,6 +3,7 @@
 No figure that depends on how busy the machine is, is looked at.
 """
 
+import io
 import json
 import os
 import signal
@@ -13,6 +14,7 @@ import tempfile
 import time
 import unittest
 from pathlib import Path
+from types import SimpleNamespace
 
 DEMO = Path(__file__).resolve().parents[2] / "tools" / "demo.py"
 BUILD = Path(os.environ["KOR_BUILD"])
@@ -158,6 +160,33 @@ class End(unittest.TestCase):
 
     def test_kill(self):
         self.assertEqual(self.end_by(signal.SIGKILL), -signal.SIGKILL)
+
+
+class Table(unittest.TestCase):
+    """Nothing that is asked for falls off a narrow terminal."""
+
+    def lines(self, width):
+        sys.path.insert(0, str(DEMO.parent))
+        from kordemo.samples import MasterStream, SlaveStream
+        from kordemo.screen import live_table
+        from rich.console import Console
+
+        slave = SlaveStream()
+        slave.header = {"name": "slave-1", "cameras": ["left", "front"]}
+        slave.last = {"position": 6543.21, "ping_ms": 0.02, "offset_ms": -123.456, "bound_ms": 0.01, "cache": 78}
+        cluster = SimpleNamespace(
+            master=MasterStream(), slaves=[slave], plan=SimpleNamespace(rate=60.0, lead=2)
+        )
+        console = Console(width=width, record=True, file=io.StringIO())
+        console.print(live_table(cluster, 1, 10, width))
+        return console.export_text()
+
+    def test_is_whole_at_any_usual_width(self):
+        for width in (60, 77, 78, 80, 120):
+            with self.subTest(width=width):
+                text = self.lines(width)
+                for part in ("slave-1", "left", "front", "-123.456", "6,543.21", "78"):
+                    self.assertIn(part, text)
 
 
 class Arguments(unittest.TestCase):

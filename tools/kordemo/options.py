@@ -15,7 +15,7 @@ def between(low: float, high: float, kind: Callable[[str], float]) -> Callable[[
         except ValueError:
             raise argparse.ArgumentTypeError(f"'{text}' is not a number") from None
         if not low <= value <= high:
-            raise argparse.ArgumentTypeError(f"{text} is not between {low:g} and {high:g}")
+            raise argparse.ArgumentTypeError(f"{text} is not between {low:.10g} and {high:.10g}")
         return value
 
     return parse

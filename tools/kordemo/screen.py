@@ -29,7 +29,7 @@ def cell(slave: SlaveStream, key: str, digits: int, scale: float = 1.0) -> str:
 def slave_row(slave: SlaveStream) -> list[str]:
     header = slave.header
     if header is None or not slave.last:
-        return ["starting", *[""] * 8]
+        return ["starting", *[""] * (len(COLUMNS) - 1)]
     position = slave.last["position"]
     return [
         header["name"],
@@ -43,7 +43,7 @@ def slave_row(slave: SlaveStream) -> list[str]:
     ]
 
 
-# Heading and least width; where there is none, text is wrapped on a narrow terminal.
+# Heading and least width; where there is none, text is wrapped.
 COLUMNS = [
     ("name", 8),
     ("cameras", 0),
@@ -56,7 +56,16 @@ COLUMNS = [
 ]
 
 
-def live_table(cluster: Cluster, elapsed: float, seconds: float) -> Table:
+# Below this the cameras go under the name, and the column that one can do without goes.
+NARROW = 78
+CAMERAS, ERROR = 1, 4
+
+
+def narrowed(cells: list[str]) -> list[str]:
+    return [cell for i, cell in enumerate(cells) if i not in (CAMERAS, ERROR)]
+
+
+def live_table(cluster: Cluster, elapsed: float, seconds: float, width: int) -> Table:
     master = cluster.master
     plan = cluster.plan
     table = Table(
@@ -67,11 +76,18 @@ def live_table(cluster: Cluster, elapsed: float, seconds: float) -> Table:
         title_style="",
         title_justify="left",
     )
-    for heading, width in COLUMNS:
+    narrow = width < NARROW
+    for i, (heading, least) in enumerate(COLUMNS):
+        if narrow and i in (CAMERAS, ERROR):
+            continue
         justify = "left" if heading in ("name", "cameras") else "right"
-        table.add_column(heading, justify=justify, min_width=width or None, no_wrap=width > 0)
+        wraps = least == 0 or (narrow and i == 0)
+        table.add_column(heading, justify=justify, min_width=least or None, no_wrap=not wraps)
     for slave in cluster.slaves:
-        table.add_row(*slave_row(slave))
+        row = slave_row(slave)
+        table.add_row(*(narrowed(row) if narrow else row))
+        if narrow and row[CAMERAS]:
+            table.add_row(*narrowed([row[CAMERAS], *[""] * (len(COLUMNS) - 1)]))
     return table
 
 
@@ -94,7 +110,7 @@ class Screen:
 
     def show(self, cluster: Cluster, elapsed: float, seconds: float) -> None:
         if self._live:
-            self._live.update(live_table(cluster, elapsed, seconds), refresh=True)
+            self._live.update(live_table(cluster, elapsed, seconds, self._console.width), refresh=True)
         elif elapsed - self._printed >= 1:
             self._printed = math.floor(elapsed)
             for slave in cluster.slaves:
@@ -104,14 +120,14 @@ class Screen:
 
 
 def plain_table(title: str) -> Table:
-    table = Table(box=box.SIMPLE_HEAD, padding=(0, 2, 0, 0), title=title, title_style="", title_justify="left")
+    table = Table(box=box.SIMPLE_HEAD, padding=(0, 1, 0, 0), title=title, title_style="", title_justify="left")
     table.add_column("")
     return table
 
 
 def waits_table(summary: dict[str, Any]) -> Table:
     table = plain_table("Waits from each slave's lock on")
-    for name in ("lock s", "waits", *(name.replace("_", " ") for name in RESULTS)):
+    for name in ("lock s", "waits", *(f"{name.replace('_', ' ')} %" for name in RESULTS)):
         table.add_column(name, justify="right")
     for slave in summary["slaves"]:
         waits = slave["waits"]
@@ -120,7 +136,7 @@ def waits_table(summary: dict[str, Any]) -> Table:
             slave["name"],
             Text("never", style="red") if locked is None else number(locked, 3),
             str(waits),
-            *(f"{100 * slave[name] / waits:.2f} %" if waits else "-" for name in RESULTS),
+            *(f"{100 * slave[name] / waits:.2f}" if waits else "-" for name in RESULTS),
         )
     return table
 

@@ -23,7 +23,7 @@ Of every pair of locked slaves:
 
   disagreement_frames  for each wait of the one and the nearest in time of the other: |error - error|, where
                        error = applied position - true position, in frames, each at its own vertical sync. It is what
-                       somebody sees at the seam between the two pictures.
+                       shows at the seam between the two pictures, beside how late each slave woke for its refresh.
 
 Percentiles are the nearest rank. A list without values gives null.
 """
