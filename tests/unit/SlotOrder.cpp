@@ -33,6 +33,48 @@ void expectInOrder(std::uintptr_t first, Members... members) {
 
 constexpr std::uintptr_t kBehindDestructor = 2;
 
+using Ports = jVector<unsigned short>;
+
+struct MasterLogic : KorLogicServer {
+    static void check() {
+        using S = MasterLogic;
+        expectInOrder(0, &S::onConnect, &S::onReConnect, &S::onDisConnect, &S::onConnectLost,
+                      &S::getFrameInterval, &S::setFrameInterval, &S::getFrameTime, &S::setFrameTime,
+                      &S::getFrameID, &S::setFrameID, &S::getSwapTime, &S::setSwapTime, &S::getWaitTime,
+                      &S::setWaitTime);
+        using ByLists = bool (S::*)(const jString&, Ports&, Ports&, Ports&);
+        using ByPorts = bool (S::*)(const jString&, unsigned short, unsigned short, unsigned short);
+        using HasName = bool (S::*)(const jString&);
+        using HasAddr = bool (S::*)(const RTAddr&);
+        using ByName = Slave* (S::*)(const jString&);
+        using ByAddr = Slave* (S::*)(const RTAddr&);
+        using ByIndex = Slave* (S::*)(int);
+        expectInOrder(14 + kBehindDestructor, static_cast<ByLists>(&S::init), static_cast<ByPorts>(&S::init),
+                      &S::release, &S::update, &S::wait, &S::swap, static_cast<HasName>(&S::isSlaveExist),
+                      static_cast<HasAddr>(&S::isSlaveExist), &S::getNumSlaves,
+                      static_cast<ByName>(&S::getSlave), static_cast<ByAddr>(&S::getSlave),
+                      static_cast<ByIndex>(&S::getSlave), &S::clear, &S::remove_slave, &S::check_slave,
+                      &S::on_client_idle);
+    }
+};
+
+struct SlaveLogic : KorLogicClient {
+    static void check() {
+        using C = SlaveLogic;
+        expectInOrder(0, &C::getFrameDeadline, &C::getFrameID, &C::getFrameInterval, &C::setFrameInterval,
+                      &C::getFrameDeadlineExpected, &C::setFrameDeadlineExpected, &C::getTimeCheckResult,
+                      &C::setTimeCheckResult, &C::getUnstableError, &C::setUnstableError, &C::isInit,
+                      &C::isShowLog, &C::setShowLog, &C::getExpectedVsyncime, &C::setExpectedVsyncime,
+                      &C::getSwapBeginTime, &C::setSwapBeginTime, &C::getSwapEndTime, &C::setSwapEndTime,
+                      &C::getSwapBeginTimeLast, &C::setSwapBeginTimeLast, &C::getSwapEndTimeLast,
+                      &C::setSwapEndTimeLast);
+        expectInOrder(23 + kBehindDestructor, &C::init, &C::wait, &C::getCmds, &C::getClient, &C::getNumCache,
+                      &C::clearState, &C::release, &C::applyData, &C::swapBegin, &C::swapEnd,
+                      &C::process_data, &C::process_cache, &C::clear_cache, &C::find_cache, &C::on_connect,
+                      &C::on_reconnect, &C::on_disconnect, &C::on_connect_lost, &C::on_clear);
+    }
+};
+
 TEST(SlotOrder, Handlers) {
     expectInOrder(0, &RTUserHandler::onConnect, &RTUserHandler::onReConnect, &RTUserHandler::onDisConnect,
                   &RTUserHandler::onConnectLost);
@@ -102,6 +144,11 @@ TEST(SlotOrder, Endpoints) {
                   &KorClient::getName, &KorClient::getCamNames,
                   static_cast<const jList<KorData>& (KorClient::*)() const>(&KorClient::getData),
                   &KorClient::setData, &KorClient::getWaitTime, &KorClient::isConnected);
+}
+
+TEST(SlotOrder, Logic) {
+    MasterLogic::check();
+    SlaveLogic::check();
 }
 
 } // namespace
