@@ -30,8 +30,25 @@ const char* nameOf(LogLevel level) {
     return "message";
 }
 
+/// Names that come from the network stand in lines, and a terminal obeys control characters.
+std::string withoutControls(const char* text) {
+    std::string clean;
+    for (; *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte >= 0x20 && byte != 0x7f) {
+            clean += *text;
+            continue;
+        }
+        char escaped[5];
+        std::snprintf(escaped, sizeof(escaped), "\\x%02x", static_cast<unsigned>(byte));
+        clean += escaped;
+    }
+    return clean;
+}
+
 void writeToStandardError(LogLevel level, const char* text) {
-    std::fprintf(stderr, "[%12.6f] %s: %s\n", jTimer::getTimeSecond(), nameOf(level), text);
+    std::fprintf(stderr, "[%12.6f] %s: %s\n", jTimer::getTimeSecond(), nameOf(level),
+                 withoutControls(text).c_str());
 }
 
 void deliver(LogLevel level, const char* text) {

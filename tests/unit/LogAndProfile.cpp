@@ -37,14 +37,16 @@ TEST_F(LogAndProfile, LinesGoToTheHandlerWhole) {
     EXPECT_EQ(lines.back(), (std::pair{LogLevel::error, std::string("%s%n")}));
 }
 
-TEST_F(LogAndProfile, StandardErrorCarriesTimeAndLevel) {
+TEST_F(LogAndProfile, StandardErrorCarriesTimeAndLevelAndNoControls) {
     testing::internal::CaptureStderr();
     jLog::error("port %d", 7000);
     jLog::message("%s", "hello");
+    jLog::message("%s", "\x1b[2Jn\xc3\xa9\n");
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(text.front(), '[');
     EXPECT_NE(text.find("] error: port 7000\n["), std::string::npos) << text;
     EXPECT_NE(text.find("] message: hello\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("] message: \\x1b[2Jn\xc3\xa9\\x0a\n"), std::string::npos) << text;
 }
 
 TEST_F(LogAndProfile, AHandlerMayLogReplaceItselfAndThrow) {
