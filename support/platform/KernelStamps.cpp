@@ -28,7 +28,7 @@ ClockPair readClockPair() {
         const Nanoseconds wall = wallClockNow();
         const Nanoseconds bracket = clockNow() - before;
         if (bracket < best.bracket)
-            best = {before + bracket / 2, wall, bracket};
+            best = {before + bracket, wall, bracket};
     }
     return best;
 }

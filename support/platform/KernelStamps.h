@@ -9,7 +9,9 @@ Nanoseconds wallClockNow();
 
 /// Two clocks read at nearly the same moment.
 struct ClockPair {
-    Nanoseconds ours = 0;    ///< our clock, the middle of the bracket
+    /// Our clock, the end of the bracket: what is converted may come out late by the bracket's width and
+    /// never early, like any other delay. An arrival before the departure would contradict the peer's clock.
+    Nanoseconds ours = 0;
     Nanoseconds wall = 0;    ///< the wall clock
     Nanoseconds bracket = 0; ///< width of the bracket of our clock around the reading of the wall clock
 };
@@ -24,8 +26,9 @@ ClockPair readClockPair();
 /// socket.
 class KernelStamps {
 public:
-    /// Stamps older than this, or younger than now, are taken for wrong.
-    static constexpr Nanoseconds kMaxAge = kSecond;
+    /// Stamps older than this, or younger than now, are taken for wrong. Datagrams may well wait for seconds
+    /// while the machine is overloaded or the process stopped, and their stamps are worth most then.
+    static constexpr Nanoseconds kMaxAge = 10 * kSecond;
 
     /// To be called with fresh readings after each batch was taken in, so that no stamp of it is younger.
     void update(const ClockPair& now);

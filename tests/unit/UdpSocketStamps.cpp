@@ -26,10 +26,12 @@ TEST(KernelStamps, TurnsStampsIntoOurTime) {
 
 TEST(KernelStamps, ImplausibleStampsCountAsNow) {
     KernelStamps stamps;
-    stamps.update(at(5 * kSecond));
-    for (const Nanoseconds stamp : {kWall + 5 * kSecond + 1, kWall + 4 * kSecond - 1, Nanoseconds{0}, -kWall,
+    stamps.update(at(50 * kSecond));
+    const Nanoseconds oldest = kWall + 50 * kSecond - KernelStamps::kMaxAge;
+    for (const Nanoseconds stamp : {kWall + 50 * kSecond + 1, oldest - 1, Nanoseconds{0}, -kWall,
                                     Nanoseconds{INT64_MIN}, Nanoseconds{INT64_MAX}})
-        EXPECT_EQ(stamps.arrival(stamp), 5 * kSecond) << stamp;
+        EXPECT_EQ(stamps.arrival(stamp), 50 * kSecond) << stamp;
+    EXPECT_EQ(stamps.arrival(oldest), 50 * kSecond - KernelStamps::kMaxAge);
 }
 
 TEST(KernelStamps, NoStampIsTrustedWhileTheWallClockMayHaveBeenSetBehindIt) {
@@ -53,6 +55,18 @@ TEST(KernelStamps, InterruptedReadingsAreNotTakenForAStep) {
     stamps.update(rough);
     stamps.update(at(7 * kSecond));
     EXPECT_EQ(stamps.arrival(kWall + 7 * kSecond - 99), 7 * kSecond - 99);
+}
+
+TEST(KernelStamps, NeverPutAnArrivalBeforeTheTruth) {
+    // A stamp taken in between two readings of our clock lies between them, also when the thread is
+    // interrupted while it reads the pair.
+    KernelStamps stamps;
+    for (int i = 0; i < 20'000; ++i) {
+        const Nanoseconds before = clockNow();
+        const Nanoseconds stamp = wallClockNow();
+        stamps.update(readClockPair());
+        ASSERT_GE(stamps.arrival(stamp), before);
+    }
 }
 
 TEST(KernelStamps, ReadsBothClocksTogether) {
