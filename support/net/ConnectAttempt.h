@@ -15,7 +15,7 @@ namespace kor::detail {
 struct ConnectAttempt {
     static constexpr Nanoseconds kFirstInterval = 5 * kMillisecond;
     static constexpr Nanoseconds kLongestInterval = 160 * kMillisecond;
-    static constexpr int kAnswersPerCookie = 4;
+    static constexpr int kAnswersPerCookie = 8;
 
     RTAddr to;
     std::uint64_t nonce = 0;
@@ -37,7 +37,6 @@ struct ConnectAttempt {
     void challenge(std::uint64_t newCookie, Nanoseconds newCookieTime, Nanoseconds now) {
         if (!haveCookie) {
             nextSend = now;
-            interval = kFirstInterval;
             answersLeft = kAnswersPerCookie;
         }
         haveCookie = true;
@@ -47,12 +46,15 @@ struct ConnectAttempt {
 
     /// Writes the datagram that is due and plans the next one.
     std::size_t write(std::span<std::uint8_t> out, const ConnectionParameters& parameters, Nanoseconds now) {
-        nextSend = now + interval;
-        interval = std::min(interval * 2, kLongestInterval);
         if (haveCookie && answersLeft == 0)
             haveCookie = false; // the peer may have restarted since, and then takes only a new one
-        if (!haveCookie)
+        if (!haveCookie) {
+            nextSend = now + interval;
+            interval = std::min(interval * 2, kLongestInterval);
             return writeRequest(out, nonce);
+        }
+        // There is somebody, who may have the connection already and wait for us.
+        nextSend = now + kFirstInterval;
         --answersLeft;
         if (!anyAnswer)
             answered = now;

@@ -17,8 +17,9 @@ constexpr Nanoseconds kFirstQuery = 10 * kMillisecond;
 constexpr Nanoseconds kPingGrid = 25 * kMillisecond;          // pings of many connections leave together
 constexpr Nanoseconds kInitiatorPatience = 50 * kMillisecond; // the accepting side pings first
 constexpr Nanoseconds kVolleyStep = 5 * kMillisecond;
-constexpr int kVolley = 8;         // pings at the start, each with stamps …
-constexpr int kLongestVolley = 40; // … and as many more as the clock needs
+constexpr int kVolley = 8;                                   // pings at the start, each with stamps …
+constexpr int kLongestVolley = 40;                           // … and as many more as the clock needs
+constexpr Nanoseconds kAcceptorPatience = 25 * kMillisecond; // then the accepting side helps itself
 constexpr Nanoseconds kStampInterval = 20 * kMillisecond;
 constexpr std::uint32_t kMaxInFlight = 16384; // datagrams
 constexpr std::uint32_t kMaxRecorded = 4 * kMaxInFlight;
@@ -44,7 +45,7 @@ Connection::Connection(const ConnectionConfig& config, Nanoseconds now)
       lastHeard_(now),
       handedUpId_(config.firstPacketId - 1),
       nextForget_(now),
-      nextVolley_(now),
+      nextVolley_(config.initiator ? now : now + kAcceptorPatience),
       lastPing_(now),
       lastStamp_(now - kStampInterval) {
     if (config_.firstRoundTrip <= 0)
@@ -297,7 +298,9 @@ Nanoseconds Connection::pingDue() const {
 }
 
 bool Connection::inVolley() const {
-    return config_.initiator && (volley_ < kVolley || (volley_ < kLongestVolley && !clock().known));
+    // The accepting side learns from the other's volley, and adds to it only when too much of that was lost.
+    const int sure = config_.initiator ? kVolley : 0;
+    return volley_ < sure || (volley_ < kLongestVolley && !clock().known);
 }
 
 bool Connection::stampDue(Nanoseconds now) const {
