@@ -44,9 +44,11 @@ struct ClockEstimate {
 /// another one back tell as much as one exchange lucky both ways, and so that it does not matter how long the
 /// peer held a stamp. One line under those there and one of the same slope over those back (see
 /// EnvelopeFit.h) give the skew; half-way between them is the offset, as in RFC 5905. What no stamps show is
-/// an asymmetry of the least delays: half of it is error, and within the bound. The bound is half the least
-/// delay, what the fit leaves open, and age times the uncertainty of the skew. Until some seconds have shown
-/// the skew it is taken as 0, give or take 100 ppm.
+/// an asymmetry of the least delays: half of it is error, and within the bound. The bound covers every line
+/// that no stamp contradicts (see OffsetRange.h): half the least delay, what the skew leaves open, and age
+/// times the uncertainty of the skew. It holds whatever the delays are distributed like; while a clock's rate
+/// is being changed by more than a crystal's does, it may fail for some seconds. Until some seconds have
+/// shown the skew it is taken as 0, give or take 100 ppm.
 ///
 /// What it publishes: the first estimate after four exchanges, or with the first exchange that comes 40 ms
 /// after another. Callers that probe every 5 ms until it is known have it within 100 ms even when a fifth of

@@ -58,7 +58,7 @@ double ClockWindow::restAt(Nanoseconds now) const {
 
 double ClockWindow::boundAt(Nanoseconds now) const {
     const double age = std::fabs(seconds(elapsed(now, fittedAt_)));
-    return std::max(0.0, fit_.halfDelay) + fit_.offsetError + fit_.slopeError * age + kWander * age * age / 2;
+    return fit_.offsetError + fit_.slopeError * age + kWander * age * age / 2;
 }
 
 bool ClockWindow::contradicts(const ClockSample& sample) const {
@@ -169,7 +169,7 @@ void ClockWindow::refit() {
     do {
         const std::span points(up.data(), there_.copyTo(up, newest_, kWander));
         const std::span backPoints(down.data(), back_.copyTo(down, newest_, kWander));
-        fit_ = fitEnvelopes(points, backPoints, prior(), fit_.slope);
+        fit_ = fitEnvelopes(points, backPoints, prior(), fit_.slope, kWander);
         // When no constant rate explains the points, the older ones, and what they taught, are from before a
         // change of rate.
     } while (!isStraight() && dropOlderHalf());
@@ -179,7 +179,7 @@ void ClockWindow::refit() {
         slopeLearned_ = true;
         slopeLearnedAt_ = newest_;
         learnedSlope_ = fit_.slope;
-        learnedSlopeError_ = fit_.slopeError;
+        learnedSlopeError_ = fit_.slopeSpread;
     }
 }
 

@@ -1,5 +1,7 @@
 #include "support/net/EnvelopeFit.h"
 
+#include "support/net/OffsetRange.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -103,7 +105,7 @@ double plausibility(const LowerEnvelope& up, const LowerEnvelope& down, const Sl
 } // namespace
 
 EnvelopeFit fitEnvelopes(std::span<const EnvelopePoint> there, std::span<const EnvelopePoint> back,
-                         const SlopePrior& prior, double guess) {
+                         const SlopePrior& prior, double guess, double wander) {
     LowerEnvelope up(there, 1);
     LowerEnvelope down(back, -1);
     const SlopeLikelihood likelihood(up, down, prior);
@@ -126,10 +128,19 @@ EnvelopeFit fitEnvelopes(std::span<const EnvelopePoint> there, std::span<const E
     const LowerEnvelope::Touch lower = down.touch(slope);
     EnvelopeFit fit;
     fit.slope = slope;
-    fit.slopeError = likelihood.reach(slope);
+    fit.slopeSpread = likelihood.reach(slope);
     fit.offset = (upper.value - lower.value) / 2;
     fit.halfDelay = (upper.value + lower.value) / 2;
-    fit.offsetError = (up.noise() / up.count() + down.noise() / down.count()) / 2 +
+    const double low = std::min(prior.slope - 2 * prior.deviation, slope - fit.slopeSpread);
+    const double high = std::max(prior.slope + 2 * prior.deviation, slope + fit.slopeSpread);
+    if (const auto range = offsetRange(there, back, slope, low, high, wander)) {
+        fit.slopeError = std::max(range->slopeHigh - slope, slope - range->slopeLow);
+        fit.offsetError = std::max(range->high - fit.offset, fit.offset - range->low);
+        return fit;
+    }
+    // The points contradict each other, so nothing is certain.
+    fit.slopeError = fit.slopeSpread;
+    fit.offsetError = std::fabs(fit.halfDelay) + (up.noise() / up.count() + down.noise() / down.count()) / 2 +
                       fit.slopeError * std::max(std::fabs(upper.time), std::fabs(lower.time));
     return fit;
 }

@@ -15,10 +15,11 @@ struct SlopePrior {
 /// Result of fitEnvelopes.
 struct EnvelopeFit {
     double slope = 0;       ///< nanoseconds per second
-    double slopeError = 0;  ///< bound on its error
+    double slopeSpread = 0; ///< how far off it hardly is: about two standard deviations
+    double slopeError = 0;  ///< bound on its error, whatever the noise
     double offset = 0;      ///< at time 0, nanoseconds
-    double halfDelay = 0;   ///< half the distance of the two lines: bounds the error when the fit is exact
-    double offsetError = 0; ///< what the fit itself adds to that bound
+    double halfDelay = 0;   ///< half the distance of the two lines
+    double offsetError = 0; ///< bound on the error of `offset`, whatever the noise
 };
 
 /// Fits a line of one slope under the points of the way there and another under those of the way back, so
@@ -33,9 +34,13 @@ struct EnvelopeFit {
 /// others, "Exploiting a natural network effect for scalable, fine-grained clock synchronization" (Huygens,
 /// NSDI 2018).
 ///
+/// The errors are not of that likelihood, which noise of another kind deceives, but cover every line that the
+/// points allow (see OffsetRange.h) with a slope within two deviations of the prior or within the spread.
+///
 /// Both spans hold one to kMaxEnvelopePoints points by time, oldest first. `guess` is a slope to start from.
+/// `wander`: by how much the slope may change, nanoseconds per second squared.
 EnvelopeFit fitEnvelopes(std::span<const EnvelopePoint> there, std::span<const EnvelopePoint> back,
-                         const SlopePrior& prior, double guess);
+                         const SlopePrior& prior, double guess, double wander);
 
 /// No clock is taken to run faster or slower than ours by more than this, in nanoseconds per second (0.5 %).
 inline constexpr double kMaxSlope = 5e6;

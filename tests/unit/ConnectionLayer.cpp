@@ -155,11 +155,23 @@ TEST_F(ConnectionLayer, RefusesWhatItCannotSend) {
 
 TEST_F(ConnectionLayer, KnowsThePeersClock) {
     const auto limit = std::chrono::steady_clock::now() + 60s;
-    while (a.recorder.user->getTimeOffset() == -1e9 && std::chrono::steady_clock::now() < limit)
-        std::this_thread::yield();
-    ASSERT_NE(a.recorder.user->getTimeOffset(), -1e9);
-    // Both sides are in one process: the true offset is 0.
-    EXPECT_LE(std::abs(a.recorder.user->getTimeOffset()), a.recorder.user->getTimeOffsetErrorBound() + 0.001);
+    for (Side* side : {&a, &b}) {
+        RTUser& peer = *side->recorder.user;
+        while (peer.getTimeOffset() == -1e9 && std::chrono::steady_clock::now() < limit)
+            std::this_thread::yield();
+        ASSERT_NE(peer.getTimeOffset(), -1e9);
+        EXPECT_GT(peer.getTimeOffsetErrorBound(), 0);
+    }
+    // Both sides are in one process: the true offset is 0. The bound must hold from the first estimate on,
+    // while the estimates still change.
+    const auto end = std::chrono::steady_clock::now() + 300ms;
+    while (std::chrono::steady_clock::now() < end)
+        for (Side* side : {&a, &b}) {
+            // Both figures from one estimate at one time; this thread may lose its core between two calls.
+            const ConnectionStatistics clock = side->recorder.user->getStatistics();
+            ASSERT_GT(clock.timeOffsetBound, 0);
+            ASSERT_LE(std::abs(clock.timeOffset), clock.timeOffsetBound) << "milliseconds";
+        }
     EXPECT_GT(a.recorder.user->getPing(), 0.0);
 }
 

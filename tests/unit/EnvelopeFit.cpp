@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 #include <vector>
 
@@ -27,22 +28,22 @@ std::vector<EnvelopePoint> points(double sign, double slope, double delay, doubl
 
 TEST(EnvelopeFit, FindsBothLines) {
     const EnvelopeFit fit =
-        fitEnvelopes(points(1, 30'000, 40'000, 1, 1), points(-1, 30'000, 40'000, 1, 2), kCrystal, 0);
+        fitEnvelopes(points(1, 30'000, 40'000, 1, 1), points(-1, 30'000, 40'000, 1, 2), kCrystal, 0, 0);
     EXPECT_NEAR(fit.slope, 30'000, 1);
     EXPECT_NEAR(fit.offset, 1000, 2);
     EXPECT_NEAR(fit.halfDelay, 40'000, 2);
 }
 
 TEST(EnvelopeFit, TakesTheSlopeFromTheQuietDirection) {
-    const EnvelopeFit fit =
-        fitEnvelopes(points(1, 30'000, 40'000, 500'000, 3), points(-1, 30'000, 40'000, 500, 4), kCrystal, 0);
+    const EnvelopeFit fit = fitEnvelopes(points(1, 30'000, 40'000, 500'000, 3),
+                                         points(-1, 30'000, 40'000, 500, 4), kCrystal, 0, 0);
     EXPECT_NEAR(fit.slope, 30'000, 100);
     EXPECT_GE(fit.slopeError, std::fabs(fit.slope - 30'000));
 }
 
 TEST(EnvelopeFit, KeepsToThePriorWhenPointsTellNothing) {
     const std::vector<EnvelopePoint> one{{0, 5000, 0}};
-    const EnvelopeFit fit = fitEnvelopes(one, one, {12'000, 2'000}, 0);
+    const EnvelopeFit fit = fitEnvelopes(one, one, {12'000, 2'000}, 0, 0);
     EXPECT_NEAR(fit.slope, 12'000, 1);
     EXPECT_GT(fit.slopeError, 4'000);
     EXPECT_NEAR(fit.offset, 0, 1e-6);
@@ -56,7 +57,40 @@ TEST(EnvelopeFit, BelievesClearPointsMoreThanThePrior) {
         there.push_back({time, 800'000 * time + 15'000, 0});
         back.push_back({time, -800'000 * time + 15'000, 0});
     }
-    EXPECT_NEAR(fitEnvelopes(there, back, kCrystal, 0).slope, 800'000, 10'000);
+    EXPECT_NEAR(fitEnvelopes(there, back, kCrystal, 0, 0).slope, 800'000, 10'000);
+}
+
+TEST(EnvelopeFit, BoundsTheErrorWhateverTheNoise) {
+    // Few points over a short time, whose noise happens to look like a skew: queues that build up and vanish.
+    std::mt19937_64 random(5);
+    for (int run = 0; run < 5000; ++run) {
+        const double span = std::pow(10, std::uniform_real_distribution<double>(-2, 1)(random));
+        const double skew = std::uniform_real_distribution<double>(-100'000, 100'000)(random);
+        const double noise = std::pow(10, std::uniform_real_distribution<double>(2, 5.5)(random));
+        std::exponential_distribution<double> wait(1 / noise);
+        const int count = 1 + static_cast<int>(random() % 12);
+        std::vector<EnvelopePoint> way[2];
+        for (const int direction : {0, 1}) {
+            double queue = 0;
+            for (int i = count - 1; i >= 0; --i) {
+                const double time = -span * (i + 0.3 * direction) / count;
+                queue = random() % 3 == 0 ? 0 : queue + wait(random);
+                way[direction].push_back({time, (direction == 0 ? 1 : -1) * skew * time + 2000 + queue, 0});
+            }
+        }
+        const EnvelopeFit fit = fitEnvelopes(way[0], way[1], kCrystal, 0, 20);
+        ASSERT_LE(std::fabs(fit.offset), fit.offsetError) << "run " << run;
+        ASSERT_LE(std::fabs(fit.slope - skew), fit.slopeError) << "run " << run;
+    }
+}
+
+TEST(EnvelopeFit, BoundIsHalfTheDelayWhenPointsAreClean) {
+    const EnvelopeFit fit =
+        fitEnvelopes(points(1, 30'000, 40'000, 200, 6), points(-1, 30'000, 40'000, 200, 7), kCrystal, 0, 20);
+    EXPECT_GE(fit.offsetError, 40'000);
+    EXPECT_LT(fit.offsetError, 43'000);
+    EXPECT_LT(fit.slopeError, 6'000); // both delays over 16 s
+    EXPECT_LT(fit.slopeSpread, 100);
 }
 
 TEST(EnvelopeFit, ShowsLinesThatCross) {
@@ -68,7 +102,7 @@ TEST(EnvelopeFit, ShowsLinesThatCross) {
         there.push_back({-0.25 * i, offset + 10'000, 0});
         back.push_back({-0.25 * i, -offset + 10'000, 0});
     }
-    EXPECT_LT(fitEnvelopes(there, back, {0, 1'000}, 0).halfDelay, 0);
+    EXPECT_LT(fitEnvelopes(there, back, {0, 1'000}, 0, 0).halfDelay, 0);
 }
 
 TEST(BucketMinima, KeepsTheLowestOverTheSlope) {
