@@ -105,6 +105,49 @@ TEST(Lifecycle, RestartedSlaveReplacesItsConnectionAtOnce) {
     EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
 }
 
+TEST(Lifecycle, PingsLeaveInSilenceOnly) {
+    Pair pair;
+    pair.world.runFor(300 * kMillisecond); // the opening volley is over
+    const auto pings = [&] { return pair.world.tap().total().pings - pair.world.tap().total().paddings; };
+    const Nanoseconds start = pair.world.now();
+    pair.world.flow(pair.master(), pair.slave(), start, 95 * kMillisecond, 21, [] { return 100u; });
+    pair.world.runFor(50 * kMillisecond);
+    std::uint64_t before = pings();
+    pair.world.runUntil(start + 20 * 95 * kMillisecond);
+    EXPECT_EQ(pings(), before) << "during traffic, which is answered";
+    pair.world.settle();
+    before = pings();
+    pair.world.runFor(10 * kSecond);
+    // The accepting side asks every 100 ms, on a grid of 25 ms; the answer spares the other side asking.
+    EXPECT_GE(pings() - before, 10'000u / 126);
+    EXPECT_LE(pings() - before, 100u);
+    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+}
+
+TEST(Lifecycle, SilenceEndsTheConnectionAfterTheTimeSet) {
+    for (const Nanoseconds timeout : {300 * kMillisecond, 2 * kSecond, 10 * kSecond}) {
+        World world({});
+        HostModel model;
+        model.timeout = timeout;
+        Host& master = world.addHost(model);
+        Host& slave = world.addHost(model);
+        slave.connect(master);
+        world.runFor(kSecond);
+        PathModel cut;
+        cut.cut = true;
+        world.setPath(master, slave, cut);
+        const Nanoseconds start = world.now();
+        world.runFor(timeout + kSecond);
+        ASSERT_EQ(world.ledger().connections().size(), 1u);
+        for (const auto& side : world.ledger().connections().begin()->second.sides) {
+            ASSERT_TRUE(side.ended);
+            EXPECT_EQ(side.end, NetEvent::Kind::lost);
+            EXPECT_GE(side.endedAt - start, timeout - 150 * kMillisecond); // since it was last heard
+            EXPECT_LE(side.endedAt - start, timeout + kMillisecond);
+        }
+    }
+}
+
 TEST(Lifecycle, ShortStopsKeepTheConnectionAndLoseNothing) {
     for (const bool stopsMaster : {false, true}) {
         Pair pair;
