@@ -1,12 +1,16 @@
 # What `cmake --install` puts where: the headers, the library, the CMake package `kor` and the pkg-config file `kor`.
 
+# Components: `library` is what programs need to run, `development` what it takes to build them.
+
 include(CMakePackageConfigHelpers)
+
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 set(KOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kor)
 
 install(TARGETS kor EXPORT korTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kor FILES_MATCHING PATTERN "*.h")
 install(EXPORT korTargets NAMESPACE kor:: DESTINATION ${KOR_CMAKE_DIR})
@@ -27,3 +31,6 @@ else()
 endif()
 configure_file(cmake/kor.pc.in ${PROJECT_BINARY_DIR}/kor.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Whatever the folders of programs install.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)

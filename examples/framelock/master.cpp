@@ -81,7 +81,8 @@ public:
             const kor::Client& client = *slave->client;
             std::string cameras;
             for (const kor::KorLogicServer::SlaveCamera& camera : slave->cameras) {
-                cameras += (cameras.empty() ? "" : ",") + std::string(camera.name);
+                cameras += cameras.empty() ? "" : ",";
+                cameras += camera.name.c_str();
             }
             char text[512];
             std::snprintf(text, sizeof text, "  |  %s (%s) reported %.1f", client.getName().c_str(),
