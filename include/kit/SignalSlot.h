@@ -51,8 +51,8 @@ protected:
 /// A member function of C that takes P, and the object to call it on.
 template <class R, class C, class P>
 struct bind_t {
-    R (C::*method)(P) = nullptr;
-    C* object = nullptr;
+    R (C::*method)(P) = nullptr; ///< the member function, null when unbound
+    C* object = nullptr;         ///< the object to call it on, null when unbound; not owned
 };
 
 template <class R, class C, class P>
@@ -70,8 +70,10 @@ class FunctionHandlerChild;
 template <class R, class C, class P, class A>
 class KOR_API FunctionHandlerChild<bind_t<R, C, P>, R, A> final : public FunctionHandler<R, A> {
 public:
+    /// What the handler calls.
     using Binder = bind_t<R, C, P>;
 
+    /// A handler with a count of 0; `make` is what registers its memory.
     explicit FunctionHandlerChild(const Binder& binder) : binder_(binder) {}
 
     /// Makes a handler, registered under the label, with a count of 0.
@@ -133,6 +135,8 @@ public:
         }
     }
 
+    /// @{
+    /// A copy refers to the same handler.
     Function(const Function& other) : id(other.id), handler(other.handler) {
         if (handler) {
             ++handler->refCount;
@@ -145,6 +149,7 @@ public:
         std::swap(handler, copy.handler);
         return *this;
     }
+    /// @}
 
     ~Function() { release(); }
 

@@ -19,6 +19,7 @@ struct KorData;
 /// Cut at `kCapacity` characters.
 class LabelText {
 public:
+    /// Longest label in characters.
     static constexpr std::size_t kCapacity = 255;
 
     /// Joins its arguments: texts and other labels.
@@ -27,7 +28,9 @@ public:
         (append(parts), ...);
     }
 
+    /// The NUL-terminated text; valid as long as the label.
     constexpr const char* c_str() const { return text_.data(); }
+    /// The text as a view; valid as long as the label.
     constexpr operator std::string_view() const { return {text_.data(), size_}; }
 
 private:

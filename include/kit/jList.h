@@ -21,10 +21,11 @@ namespace kor {
 template <class T>
 class KOR_API jList {
 public:
+    /// One value and its neighbours.
     struct Node {
         Node* prev = nullptr; ///< null at the head
         Node* next = nullptr; ///< null at the tail
-        T value;
+        T value;              ///< the value
     };
 
     std::int32_t count = 0; ///< number of nodes
@@ -32,6 +33,8 @@ public:
     Node* tail = nullptr;   ///< last node, null when empty
 
     jList() = default;
+    /// @{
+    /// Copies the values in order into nodes of their own.
     jList(const jList& other) { append(other); }
     jList& operator=(const jList& other) {
         if (this != &other) {
@@ -40,6 +43,7 @@ public:
         }
         return *this;
     }
+    /// @}
     ~jList() { release(); }
 
     /// Appends a copy of the value; returns its node.
@@ -91,12 +95,15 @@ public:
         return std::atomic_ref<std::int32_t>(const_cast<std::int32_t&>(count))
             .load(std::memory_order_acquire);
     }
+    /// True when there is no node. Like `size`, may be read while another thread changes the list.
     bool empty() const { return size() == 0; }
 
     /// Iterates over the values, head to tail.
     template <class Value, class NodePointer>
     class Iterator {
     public:
+        /// @{
+        /// Refers to a node, null for the end; valid until that node is removed.
         explicit Iterator(NodePointer node) : node_(node) {}
         Value& operator*() const { return node_->value; }
         Value* operator->() const { return &node_->value; }
@@ -105,14 +112,18 @@ public:
             return *this;
         }
         bool operator==(const Iterator&) const = default;
+        /// @}
 
     private:
         NodePointer node_;
     };
+    /// @{
+    /// From the head up to behind the tail. Removing a node invalidates the iterators that refer to it.
     Iterator<T, Node*> begin() { return Iterator<T, Node*>(head); }
     Iterator<T, Node*> end() { return Iterator<T, Node*>(nullptr); }
     Iterator<const T, const Node*> begin() const { return Iterator<const T, const Node*>(head); }
     Iterator<const T, const Node*> end() const { return Iterator<const T, const Node*>(nullptr); }
+    /// @}
 
 private:
     static_assert(alignof(Node) <= alignof(std::max_align_t),

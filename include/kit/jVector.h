@@ -30,12 +30,16 @@ public:
     T* data = nullptr;         ///< the storage, null while there is none
 
     jVector() = default;
+    /// Holds copies of the items in order.
     jVector(std::initializer_list<T> items) { appendItems(items.begin(), static_cast<int>(items.size())); }
+    /// @{
+    /// Copies the elements in use. Storage that is large enough is kept.
     jVector(const jVector& other) { assign(other); }
     jVector& operator=(const jVector& other) {
         assign(other);
         return *this;
     }
+    /// @}
 
     virtual ~jVector() {
         if (!released) {
@@ -98,16 +102,24 @@ public:
     /// Moves the elements into new storage of n slots, but never of fewer than `count`.
     virtual void reallocate(int n) { moveTo(std::max(n, count), reallocateLabel()); }
 
+    /// @{
     /// Element access without a bounds check.
     T& operator[](int index) { return data[index]; }
     const T& operator[](int index) const { return data[index]; }
+    /// @}
 
+    /// Number of elements in use.
     int size() const { return count; }
+    /// True when no element is in use.
     bool empty() const { return count == 0; }
+    /// @{
+    /// From the first element up to behind the last; null when there is no storage. Valid until the storage
+    /// changes.
     T* begin() { return data; }
     T* end() { return data + count; }
     const T* begin() const { return data; }
     const T* end() const { return data + count; }
+    /// @}
 
 private:
     static_assert(alignof(T) <= alignof(std::max_align_t), "the allocator aligns for fundamental types only");

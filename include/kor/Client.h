@@ -21,6 +21,7 @@ namespace detail {
 class ClientRecords;
 }
 
+/// Whether the endpoint counts a slave in when it asks for finished sends.
 enum KOR_CLIENT_STATE : int {
     KOR_CLIENT_STATE_INACTIVE =
         0,                      ///< left out of `KorServer::isClientsSendOver`; only an application sets it
@@ -46,9 +47,11 @@ class KOR_API Client : public RTPacketHandler {
 public:
     Client();
 
+    /// @{
     /// A copy has the same connection and lock word by value, and shares the bytes of the received packets.
     Client(const Client& other);
     Client& operator=(const Client& other);
+    /// @}
 
     /// Frees the lists, not the bytes of packets still queued (`clearData` does), and does not detach from
     /// the connection (`release` does). `KorServer` does both for its records.
@@ -69,72 +72,115 @@ public:
     /// The slave's connection, null while detached. Not owned.
     virtual RTUser* getUser() const;
 
+    /// @{
     /// The slave's address; kept after the connection has gone.
     virtual const RTAddr& getAddr() const;
     virtual void setAddr(const RTAddr& newAddr);
+    /// @}
 
+    /// @{
     /// The slave's name, empty before its introduction.
     virtual const jString& getName() const;
     virtual void setName(const jString& newName);
+    /// @}
 
+    /// @{
     /// Names of the slave's cameras in the slave's order, empty before its introduction.
     virtual const jVector<jString>& getCamNames() const;
     virtual void setCamNames(const jVector<jString>& names);
+    /// @}
 
     /// True once an introduction has been taken in.
     virtual bool isInit() const;
 
+    /// @{
     /// True once the last send has been delivered completely.
     virtual bool isSendOver() const;
     virtual void setSendOver(bool over);
+    /// @}
 
+    /// @{
     /// Identifier of the send in flight; -1 when there is none, and after a send that was refused.
     virtual std::int64_t getPacketID() const;
     virtual void setPacketID(std::int64_t id);
+    /// @}
 
+    /// @{
+    /// Whether `KorServer::isClientsSendOver` counts the slave in. Atomic.
     virtual KOR_CLIENT_STATE getState();
     virtual void setState(KOR_CLIENT_STATE newState);
+    /// @}
 
+    /// @{
     /// Seconds. The endpoint sets it to 0 once per master frame.
     virtual double getWaitTime() const;
     virtual void setWaitTime(double seconds);
+    /// @}
 
+    /// @{
+    /// A count for the application, 0 at first; `addIdleTimes` raises it.
     virtual int getIdleTimes() const;
     virtual void setIdleTimes(int times);
+    /// @}
 
-    /// Seconds.
+    /// @{
+    /// Seconds, for the application, 0 at first; `addTotalWaitTime` adds to it and
+    /// `KorServer::printStatistics` shows it.
     virtual double getTotalWaitTime() const;
     virtual void setTotalWaitTime(double seconds);
+    /// @}
 
+    /// @{
     /// The slave's fractional frame position from its last report; -1 before the first. Whatever the slave
     /// sent, so it may be any double.
     virtual double getIDCheck() const;
     virtual void setIDCheck(double position);
+    /// @}
 
+    /// @{
     /// The slave's estimate of the master's clock from its last report, in seconds; 0 before the first.
     /// Whatever the slave sent, so it may be any double.
     virtual double getTimeCheck() const;
     virtual void setTimeCheck(double seconds);
+    /// @}
 
+    /// @{
+    /// A value for the application, 0 at first; the library neither sets nor reads it.
     virtual double getTimeCheckResult() const;
     virtual void setTimeCheckResult(double result);
+    /// @}
 
+    /// @{
+    /// A count for the application, 0 at first; `addIdleTimes` raises it and `KorServer::printStatistics`
+    /// shows it.
     virtual int getTotalIdleTimes() const;
     virtual void setTotalIdleTimes(int times);
+    /// @}
 
+    /// @{
+    /// A count for the application, 0 at first; `addDisconnectTimes` raises it and
+    /// `KorServer::printStatistics` shows it.
     virtual int getDisconnectTimes() const;
     virtual void setDisconnectTimes(int times);
+    /// @}
 
+    /// @{
+    /// A mark for the application, false at first; the library neither sets nor reads it.
     virtual bool isDebugSendOver() const;
     virtual void setDebugSendOver(bool over);
+    /// @}
 
+    /// The slave's connection, null while detached. Not owned.
     RTUser* getUser();
 
     /// The lock word, for `AtomicLock`.
     volatile int& getLock() { return lock; }
 
+    /// Adds 1 to the idle times and to the total idle times.
     void addIdleTimes();
+    /// Adds 1 to the disconnect times.
     void addDisconnectTimes();
+    /// Adds seconds to the total wait time.
     void addTotalWaitTime(double seconds);
 
     /// Attaches the record to a connection (not null) and takes its address; detaches it from another one

@@ -51,10 +51,12 @@ public:
 
     KorClient();
 
+    /// @{
     /// Copies share the socket, the connection layer, the connection and the bytes of the blocks: release
     /// only one of them, and clear the lists of the others without freeing.
     KorClient(const KorClient& other);
     KorClient& operator=(const KorClient& other);
+    /// @}
 
     /// Does not release: call `release` first.
     ~KorClient();
@@ -84,15 +86,20 @@ public:
     /// stay. Do not hold the lock, and do not call it from a slot. Safe to call twice.
     void release();
 
+    /// Blocks received and not yet taken, oldest first. Hold the lock.
     jList<KorData>& getData() { return dataList; }
 
+    /// @{
     /// The connection to the master, null while there is none. It stays readable for long after it has ended.
     RTUser* getUser() { return user; }
     const RTUser* getUser() const { return user; }
+    /// @}
 
+    /// @{
     /// The connection layer, null unless open.
     RTNet* getNet() { return net; }
     const RTNet* getNet() const { return net; }
+    /// @}
 
     /// The lock word, for `AtomicLock`.
     volatile int* getLock() { return &lock; }
@@ -107,7 +114,9 @@ protected:
     void onConnectLost(const RTAddr& addr) override;
 
 public:
+    /// The name given to `init`, empty before; unchanged until the next `init`.
     virtual const jString& getName() const;
+    /// The camera names given to `init`, in its order, empty before; unchanged until the next `init`.
     virtual const jVector<jString>& getCamNames() const;
 
     /// Blocks received and not yet taken, oldest first. Hold the lock.

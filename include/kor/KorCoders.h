@@ -15,37 +15,52 @@ namespace kor {
 /// or a cut one stands there. So decoders may be tried one after another at one place.
 class KOR_API KorCoderBase {
 public:
+    /// @{
+    /// Type codes of the records.
     static constexpr signed char kTimeCheckResult = 1;
     static constexpr signed char kFrameAck = 2;
     static constexpr signed char kSwap = 3;
     static constexpr signed char kBegin = 4;
     static constexpr signed char kEnd = 5;
     static constexpr signed char kSlaveTimeInServer = 6;
+    /// @}
 
+    /// @{
     /// Opens a packet of frame data: 10 bytes.
     static void codeBegin(BufferWriter& writer, int frame);
     static bool decodeBegin(BufferReader& reader, int& frame);
+    /// @}
 
+    /// @{
     /// Closes a packet of frame data: 6 bytes.
     static void codeEnd(BufferWriter& writer);
     static bool decodeEnd(BufferReader& reader);
+    /// @}
 
+    /// @{
     /// A slave's estimate of the master's clock in seconds, and its frame position: 22 bytes.
     static void codeSlaveTimeInServer(BufferWriter& writer, double timeInServer, double framePosition);
     static bool decodeSlaveTimeInServer(BufferReader& reader, double& timeInServer, double& framePosition);
+    /// @}
 
+    /// @{
     /// For applications: a double, 14 bytes. Shares its code with the introduction, so a slave must not send
     /// it.
     static bool codeTimeCheckResult(BufferWriter& writer, double result);
     static bool decodeTimeCheckResult(BufferReader& reader, double& result);
+    /// @}
 
+    /// @{
     /// For applications: an int, 10 bytes.
     static bool codeFrameAck(BufferWriter& writer, int frame);
     static bool decodeFrameAck(BufferReader& reader, int& frame);
+    /// @}
 
+    /// @{
     /// For applications: an int, 10 bytes.
     static bool codeSwap(BufferWriter& writer, int frame);
     static bool decodeSwap(BufferReader& reader, int& frame);
+    /// @}
 };
 
 /// Bare values for frame data, element 0 first, without framing.
@@ -62,6 +77,8 @@ public:
     static bool writeMat4(BufferWriter& writer, const mat4& value);   ///< 64 bytes
     static bool writeDMat4(BufferWriter& writer, const dmat4& value); ///< 128 bytes
 
+    /// @{
+    /// Reads what the writer of that name has written and moves behind it.
     static vec3 readVec3(BufferReader& reader);
     static dvec3 readDVec3(BufferReader& reader);
     static vec4 readVec4(BufferReader& reader);
@@ -69,18 +86,24 @@ public:
     static dquat readDQuat(BufferReader& reader);
     static mat4 readMat4(BufferReader& reader);
     static dmat4 readDMat4(BufferReader& reader);
+    /// @}
 };
 
 /// Coder of the master's announcement, and most helpers of `KorKit` under one more name.
 class KOR_API KorMsg {
 public:
+    /// Type code of the announcement.
     static constexpr signed char kBroadcast = -1;
 
+    /// @{
     /// The data port on which the master accepts connections, and a frame number that receivers ignore: 14
     /// bytes. Same rules as the coders of `KorCoderBase`.
     static bool codeBroadcast(BufferWriter& writer, int port, int frame);
     static bool decodeBroadcast(BufferReader& reader, int& port, int& frame);
+    /// @}
 
+    /// @{
+    /// The same as in `KorKit`.
     static bool writeVec3(BufferWriter& writer, const vec3& value) {
         return KorKit::writeVec3(writer, value);
     }
@@ -106,6 +129,7 @@ public:
     static quat readQuat(BufferReader& reader) { return KorKit::readQuat(reader); }
     static mat4 readMat4(BufferReader& reader) { return KorKit::readMat4(reader); }
     static dmat4 readDMat4(BufferReader& reader) { return KorKit::readDMat4(reader); }
+    /// @}
 };
 
 } // namespace kor

@@ -34,6 +34,7 @@ namespace kor {
 /// `getClient()->release()` first. Not copyable.
 class KOR_API KorLogicClient {
 public:
+    /// What became of a `wait`.
     enum WAIT_RESULT {
         WAIT_NONE = 0, ///< nothing to show: no master, its clock is not known yet, or neither frame is there
         WAIT_LERP = 1, ///< both frames were there
@@ -53,39 +54,52 @@ public:
     /// Frame that was applied last, fractional between two; -1 when none was since the last reset.
     virtual double getFrameID() const;
 
+    /// @{
     /// Length of a frame of the master's in seconds, 1/60 by default; must be the master's and above 0. While
     /// it gives no frame position within 32 bits (zero, not a number), `wait` treats the master's clock as
     /// unknown. A negative one gives negative positions, for which a master sends no frames.
     virtual double getFrameInterval() const;
     virtual void setFrameInterval(double seconds);
+    /// @}
 
+    /// @{
     /// Local time in seconds of the vsync for which the next `wait` chooses the frame. `swapEnd` sets it; an
     /// application that calls `wait` itself sets it before.
     virtual double getFrameDeadlineExpected() const;
     virtual void setFrameDeadlineExpected(double seconds);
+    /// @}
 
+    /// @{
     /// Seconds; for the application, shown by the profiler as "check".
     virtual double getTimeCheckResult() const;
     virtual void setTimeCheckResult(double seconds);
+    /// @}
 
+    /// @{
     /// Safety margin in seconds by which the expected vsync lies before one interval after the swap; 0.009 by
     /// default.
     virtual float getUnstableError() const;
     virtual void setUnstableError(float seconds);
+    /// @}
 
     /// True once `init` has succeeded.
     virtual bool isInit() const;
 
+    /// @{
     /// Whether `wait` and `swapEnd` log frames that were missing and swaps that took too long; true by
     /// default.
     virtual bool isShowLog() const;
     virtual void setShowLog(bool show);
+    /// @}
 
+    /// @{
     /// Local time in seconds at which `swapEnd` expects the next vsync; -1 before the first. The spelling is
     /// part of the interface.
     virtual double getExpectedVsyncime() const;
     virtual void setExpectedVsyncime(double seconds);
+    /// @}
 
+    /// @{
     /// Local times in seconds of the last `swapBegin` and `swapEnd`, and of those before; -1 before the
     /// first.
     virtual double getSwapBeginTime() const;
@@ -96,6 +110,7 @@ public:
     virtual void setSwapBeginTimeLast(double seconds);
     virtual double getSwapEndTimeLast() const;
     virtual void setSwapEndTimeLast(double seconds);
+    /// @}
 
     /// Releases the endpoint and frees the cached blocks.
     virtual ~KorLogicClient();
@@ -167,11 +182,13 @@ protected:
     /// The first cached block of that frame, or null.
     virtual KorData* find_cache(int frame);
 
+    /// @{
     /// These four call `clearState`, on the connection layer's thread.
     virtual void on_connect(const RTAddr& addr);
     virtual void on_reconnect(const RTAddr& addr);
     virtual void on_disconnect(const RTAddr& addr);
     virtual void on_connect_lost(const RTAddr& addr);
+    /// @}
 
     /// Called by the first `wait` after a reset, on its thread. Does nothing.
     virtual void on_clear();

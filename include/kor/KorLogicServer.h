@@ -41,7 +41,7 @@ public:
         static constexpr const char* kTypeLabel = "struct KorLogicServer::SlaveCamera";
 
         int index = -1; ///< position in the slave's list of cameras; -1 when the name is empty
-        jString name;
+        jString name;   ///< name that the slave gave it
     };
 
     /// A connected slave.
@@ -50,7 +50,7 @@ public:
 
         /// The endpoint's record of the slave; null when the endpoint has none any more. Not owned.
         Client* client = nullptr;
-        RTAddr addr;
+        RTAddr addr;                  ///< address that the slave connects from
         jVector<SlaveCamera> cameras; ///< empty until `isInit`
         bool isInit = false;          ///< the slave has introduced itself with at least one camera
     };
@@ -66,16 +66,21 @@ protected:
     void onConnectLost(const RTAddr& addr) override;
 
 public:
+    /// @{
     /// Length of a frame in seconds, 1/60 by default; all slaves must use the same. Must be above 0: while it
     /// is zero, negative, infinite or not a number, or so small that the frame id would leave 32 bits, `swap`
     /// neither paces nor advances.
     virtual double getFrameInterval() const;
     virtual void setFrameInterval(double seconds);
+    /// @}
 
+    /// @{
     /// When the current frame began, in seconds: frame id x frame interval.
     virtual double getFrameTime() const;
     virtual void setFrameTime(double seconds);
+    /// @}
 
+    /// @{
     /// Id of the current frame. The clock runs from the start of the process, so the first advance calls
     /// `update` for every frame since frame 0. A master that starts late skips those by setting the clock's
     /// present frame before its first `swap`:
@@ -83,15 +88,20 @@ public:
     ///     setFrameID(int(jTimer::getTimeSecond() / getFrameInterval()));
     virtual int getFrameID() const;
     virtual void setFrameID(int id);
+    /// @}
 
+    /// @{
     /// When the last `swap` passed its frame boundary, in seconds of `jTimer`; -1 before the first. Setting 0
     /// or less makes the next `swap` a first one again, which neither paces nor advances.
     virtual double getSwapTime() const;
     virtual void setSwapTime(double seconds);
+    /// @}
 
+    /// @{
     /// Timeout in seconds that `swap` passes to `wait`, 0.05 by default.
     virtual float getWaitTime() const;
     virtual void setWaitTime(float seconds);
+    /// @}
 
     /// Releases what `release` has not, and frees the registry.
     virtual ~KorLogicServer();
@@ -126,15 +136,20 @@ public:
     /// clock's and calls `update` once for each frame on the way. Always true.
     virtual bool swap();
 
+    /// @{
     /// A slave is known by its name once its introduction has arrived, by its address from its connection on.
     virtual bool isSlaveExist(const jString& name);
     virtual bool isSlaveExist(const RTAddr& addr);
+    /// @}
 
+    /// Number of slaves in the registry, with or without cameras.
     virtual int getNumSlaves() const;
 
+    /// @{
     /// The first slave that fits, or null.
     virtual Slave* getSlave(const jString& name);
     virtual Slave* getSlave(const RTAddr& addr);
+    /// @}
 
     /// Null for an index outside 0 to `getNumSlaves` - 1. When a slave goes, the last one takes its index.
     virtual Slave* getSlave(int index);

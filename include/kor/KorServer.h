@@ -22,11 +22,14 @@ class SocketUDP;
 /// that takes it, such as `KorServer::send`.
 class KOR_API KorServerHandler {
 public:
+    /// @{
+    /// Without state of its own: what a derived class can do, this base does not hinder.
     KorServerHandler() = default;
     KorServerHandler(const KorServerHandler&) = default;
     KorServerHandler(KorServerHandler&&) = default;
     KorServerHandler& operator=(const KorServerHandler&) = default;
     KorServerHandler& operator=(KorServerHandler&&) = default;
+    /// @}
 
     /// A slave has connected, and its record stands; `established` false when an attempt has failed.
     virtual void onConnect(const RTAddr& addr, bool established) = 0;
@@ -65,9 +68,11 @@ public:
 
     KorServer();
 
+    /// @{
     /// Copies share the connection layer, the sockets, the records and the handler: release only one of them.
     KorServer(const KorServer& other);
     KorServer& operator=(const KorServer& other);
+    /// @}
 
     /// Does not release: call `release` first.
     ~KorServer();
@@ -100,6 +105,7 @@ public:
     /// in the log for each slave that could not be sent to.
     bool send(const void* data, int size);
 
+    /// Number of records, one for each connected slave.
     int getClientCount() const;
 
     /// Null for an index outside 0 to count - 1. A removal moves the last record into the gap.
@@ -115,6 +121,7 @@ public:
     /// True when the last send to every slave has been delivered; records that are
     /// `KOR_CLIENT_STATE_INACTIVE` do not count.
     bool isClientsSendOver() const;
+    /// Marks the last send to every slave as not delivered.
     void clearClientsSendOver();
 
     /// Writes the figures of every slave's connection to the log, as messages.
@@ -123,9 +130,11 @@ public:
     /// The lock word, for `AtomicLock`.
     volatile int* getLock() { return &lock; }
 
+    /// @{
     /// The connection layer, null unless open.
     RTNet* getNet() { return net; }
     const RTNet* getNet() const { return net; }
+    /// @}
 
 protected:
     void onConnect(const RTAddr& addr, bool established) override;
@@ -134,6 +143,7 @@ protected:
     void onConnectLost(const RTAddr& addr) override;
 
 public:
+    /// The broadcast IP given to `init`; empty before.
     virtual const jString& getBroadcastIP() const;
 
     /// Always 0.
@@ -148,6 +158,7 @@ public:
     /// Always 0.
     virtual double getWaitTime() const;
 
+    /// The receiver set by `setHandler`, null for none. Not owned.
     virtual KorServerHandler* getHandler() const;
 
     /// Receiver of connection events, not owned; null for none. It must stay until `release`. Set it before

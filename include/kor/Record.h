@@ -16,8 +16,11 @@ namespace kor {
 ///     writer.writeDouble(angle);
 ///     endRecord(writer, start);
 
+/// @{
+/// Size of the head of a record in bytes, and the version in it.
 inline constexpr int kRecordHeaderBytes = 6;
 inline constexpr unsigned char kRecordVersion = 1;
+/// @}
 
 /// Writes the head of a record and returns where it starts, for `endRecord`. Leaves the length open. Where
 /// the head does not fit, nothing is written.

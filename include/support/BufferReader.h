@@ -29,11 +29,15 @@ public:
     /// Bytes between the position and the end of the data; 0 while `position` is outside.
     int remaining() const;
 
+    /// @{
+    /// The next value, little-endian, IEEE 754: 1, 1, 4, 4 and 8 bytes. Where fewer remain it is 0, and the
+    /// reader is at its end.
     signed char readChar();
     unsigned char readUChar();
     int readInt();
     float readFloat();
     double readDouble();
+    /// @}
 
     /// A NUL-terminated text, valid until the next operation on the reader. A text that the data ends without
     /// a NUL is given as far as it goes.

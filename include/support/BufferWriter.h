@@ -24,11 +24,14 @@ public:
     /// Bytes between the position and the end of the block.
     int remaining() const { return capacity_ - position_; }
 
+    /// @{
+    /// Stores a value: 1, 1, 4, 4 and 8 bytes. False, and nothing is stored, when it does not fit.
     bool writeChar(signed char value);
     bool writeUChar(unsigned char value);
     bool writeInt(int value);
     bool writeFloat(float value);
     bool writeDouble(double value);
+    /// @}
 
     /// Stores a NUL-terminated UTF-8 text with its NUL; null counts as the empty text.
     bool writeString(const char* text);

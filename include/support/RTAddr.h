@@ -21,7 +21,9 @@ public:
     /// Parses dotted-decimal text such as "10.0.0.5". False, and unchanged, when it is no IPv4 address.
     bool set(const jString& ip, std::uint16_t port);
 
+    /// The IPv4 address in host byte order.
     std::uint32_t getIP() const { return ip_; }
+    /// The UDP port, in host byte order.
     std::uint16_t getPort() const { return port_; }
 
     /// Identity: equal for the same address and port, different otherwise.
@@ -30,6 +32,7 @@ public:
     /// "10.0.0.5:7000".
     jString formatString() const;
 
+    /// Equal for the same address and port.
     friend bool operator==(const RTAddr& a, const RTAddr& b) { return a.getKey() == b.getKey(); }
 
 private:

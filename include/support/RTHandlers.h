@@ -30,11 +30,14 @@ struct RS_SendPacketsQueue {
 /// `onConnect`; after `onReConnect` an `onConnect` always follows.
 class KOR_API RTUserHandler {
 public:
+    /// @{
+    /// Without state of its own: what a derived class can do, this base does not hinder.
     RTUserHandler() = default;
     RTUserHandler(const RTUserHandler&) = default;
     RTUserHandler(RTUserHandler&&) = default;
     RTUserHandler& operator=(const RTUserHandler&) = default;
     RTUserHandler& operator=(RTUserHandler&&) = default;
+    /// @}
 
     /// `established` true: a connection to that peer stands, whoever began it, and `RTNet::getUserByAddr`
     /// finds it for as long as the call runs. False: an attempt of this side has failed.
@@ -59,11 +62,14 @@ protected:
 /// Receiver of one connection's traffic. Called on the connection layer's thread, one call at a time.
 class KOR_API RTPacketHandler {
 public:
+    /// @{
+    /// Without state of its own: what a derived class can do, this base does not hinder.
     RTPacketHandler() = default;
     RTPacketHandler(const RTPacketHandler&) = default;
     RTPacketHandler(RTPacketHandler&&) = default;
     RTPacketHandler& operator=(const RTPacketHandler&) = default;
     RTPacketHandler& operator=(RTPacketHandler&&) = default;
+    /// @}
 
     /// A packet has arrived, whole, once and in the order sent.
     virtual void onPacket(RTUser* user, Packet* packet) = 0;

@@ -37,6 +37,7 @@ enum NET_CONNECT_ATTEMPT_RET {
 /// `docs/protocol.md` describes the bytes on the wire.
 class KOR_API RTNet : public jThread {
 public:
+    /// Closed until `init`; no thread runs yet.
     RTNet();
     RTNet(const RTNet&) = delete;
     RTNet& operator=(const RTNet&) = delete;
@@ -61,10 +62,13 @@ public:
     /// The local ports in use, in the order of `init`; tells which one port 0 became.
     jVector<unsigned short> getLocalPorts() const;
 
+    /// @{
     /// Limits and switches; takes effect at the next `init`.
     void setOptions(const NetOptions& options);
     const NetOptions& getOptions() const;
+    /// @}
 
+    /// What the layer has seen since `init`, all connections together. From any thread.
     NetStatistics getStatistics() const;
 
     ~RTNet() override;
@@ -80,24 +84,31 @@ protected:
     void process() override;
 
 public:
+    /// The receiver set by `setUserHandler`, null for none. Not owned.
     virtual RTUserHandler* getUserHandler();
 
     /// Receiver of connection events; null drops them. Same rules as `RTUser::setPacketHandler`.
     virtual void setUserHandler(RTUserHandler* handler);
 
+    /// @{
     /// Silence after which a connection is reported lost, in milliseconds; default 2000.
     virtual unsigned int getTimeoutTime();
     virtual void setTimeoutTime(unsigned int milliseconds);
+    /// @}
 
+    /// @{
     /// Longest wait before an unacknowledged datagram is sent again, in milliseconds; default 250. The wait
     /// itself follows the measured round trip, and doubles up to this bound while nothing is heard.
     virtual unsigned int getMtuResendTimeoutTime();
     virtual void setMtuResendTimeoutTime(unsigned int milliseconds);
+    /// @}
 
+    /// @{
     /// Round trips over this many milliseconds tell nothing about the peer's clock and are left out; default
     /// 1000.
     virtual double getMaxValidPingTime();
     virtual void setMaxValidPingTime(double milliseconds);
+    /// @}
 
 private:
     NetOptions options_;

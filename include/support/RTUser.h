@@ -66,6 +66,7 @@ public:
     virtual void setPacketHandler(RTPacketHandler* handler);
 
 protected:
+    /// For the connection layer, which makes the connections.
     explicit RTUser(std::shared_ptr<detail::NetPeer> peer);
     virtual ~RTUser();
 

@@ -18,6 +18,7 @@ public:
     ~SocketBase() override;
 
     void release() override;
+    /// True while the socket is open.
     bool isOpened() const override;
 
     /// The local port that the socket is bound to; 0 when it is not. Tells which one port 0 became.
@@ -26,6 +27,7 @@ public:
 protected:
     SocketBase();
 
+    /// The platform's socket, open or closed; owned by this object.
     detail::BroadcastSocket& socket() const { return *socket_; }
 
 private:

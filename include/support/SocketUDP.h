@@ -62,6 +62,7 @@ public:
     /// the system refused.
     int write(const void* data, int elementSize, int count) override;
 
+    /// True while the socket is open.
     bool isOpened() const override;
 
 private:

@@ -11,8 +11,11 @@ class KOR_API Stopwatch {
 public:
     /// Stands still; reads 0 until `start`.
     Stopwatch() = default;
+    /// @{
+    /// A copy goes on by itself from the lap of the original.
     Stopwatch(const Stopwatch&) = default;
     Stopwatch& operator=(const Stopwatch&) = default;
+    /// @}
 
     /// Starts anew: the next reading counts from now.
     void start();

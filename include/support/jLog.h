@@ -6,22 +6,25 @@
 
 namespace kor {
 
+/// How serious a line of the log is.
 enum class LogLevel { message, warning, error };
 
 /// The library's log. Every operation may be called from any thread.
 ///
 /// Lines go to standard error, with the process's time in seconds and the level, until a handler is set. A
-/// line is never cut, whatever its length. There, control characters are written as \xNN: lines name peers as
-/// these call themselves, and a terminal would obey them.
+/// line is never cut, whatever its length. There, control characters are written as `\xNN`: lines name peers
+/// as these call themselves, and a terminal would obey them.
 class KOR_API jLog {
 public:
     /// Receives one line, without time, level or line end.
     using Handler = std::function<void(LogLevel level, const char* text)>;
 
+    /// @{
     /// One line each, from a printf-style format and its arguments.
     [[gnu::format(printf, 1, 2)]] static void message(const char* format, ...);
     [[gnu::format(printf, 1, 2)]] static void warning(const char* format, ...);
     [[gnu::format(printf, 1, 2)]] static void error(const char* format, ...);
+    /// @}
 
     /// Sets the receiver of all lines; an empty one brings standard error back.
     ///

@@ -23,6 +23,7 @@ public:
     /// Writes `count` elements of `elementSize` bytes and returns how many were written.
     virtual int write(const void* data, int elementSize, int count) = 0;
 
+    /// True while the stream can be read from or written to.
     virtual bool isOpened() const = 0;
 };
 

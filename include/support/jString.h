@@ -25,21 +25,31 @@ public:
     /// Copies the text, which may hold NUL characters; `c_str` then seems to end at the first.
     jString(std::string_view text);
 
+    /// @{
+    /// Copies the text, or takes it over and leaves the other one empty.
     jString(const jString& other);
     jString(jString&& other) noexcept;
+    /// @}
     ~jString();
 
+    /// @{
+    /// Becomes a copy of the text, which may be part of this string; null counts as the empty text. A string
+    /// that is moved from is empty afterwards.
     jString& operator=(const jString& other);
     jString& operator=(jString&& other) noexcept;
     jString& operator=(const char* text);
     jString& operator=(std::string_view text);
+    /// @}
 
     /// The NUL-terminated text; valid until the string is changed or destroyed.
     const char* c_str() const noexcept { return data_; }
 
+    /// Length in characters (bytes), without the NUL at the end.
     std::size_t size() const noexcept { return size_; }
+    /// True for the text of no characters.
     bool empty() const noexcept { return size_ == 0; }
 
+    /// The text as a view; valid until the string is changed or destroyed.
     operator std::string_view() const noexcept { return {data_, size_}; }
 
     /// Becomes the empty text and gives its memory back.
@@ -55,12 +65,15 @@ public:
     /// A shared empty string.
     static const jString& null();
 
+    /// @{
+    /// Compares byte by byte; null counts as the empty text.
     friend bool operator==(const jString& a, const jString& b) noexcept { return a.view() == b.view(); }
     friend bool operator==(const jString& a, std::string_view b) noexcept { return a.view() == b; }
     friend bool operator==(const jString& a, const char* b) noexcept { return a.view() == (b ? b : ""); }
     friend std::strong_ordering operator<=>(const jString& a, const jString& b) noexcept {
         return a.view() <=> b.view();
     }
+    /// @}
 
 private:
     std::string_view view() const noexcept { return {data_, size_}; }

@@ -8,9 +8,12 @@
 
 namespace kor {
 
+/// @{
+/// Colours for profiler values.
 inline constexpr vec4 vec4_red{1, 0, 0, 1};
 inline constexpr vec4 vec4_yellow{1, 1, 0, 1};
 inline constexpr vec4 vec4_one{1, 1, 1, 1};
+/// @}
 
 /// Receiver of profiler values: label, value (times in milliseconds) and colour for drawing.
 using ProfileHandler = std::function<void(const char* label, float value, const vec4& colour)>;

@@ -95,6 +95,8 @@ def check_install(root, packages):
     root.dpkg("-i", *packages.values())
     broken = root.dpkg("--audit").strip()
     check(not broken, broken)
+    for name in ("libkor.so.1", "kor.h", "kor.pc", "korConfig.cmake", "guide.md", "index.html", "classkor_1_1KorClient.html"):
+        root.find(name)
     print(f"installed: {', '.join(packages)}")
 
 
@@ -190,7 +192,11 @@ def check_source(archive, scratch, compiler):
 def make(build, scratch):
     """Folder with the packages of a build folder."""
     for config in ("CPackConfig.cmake", "CPackSourceConfig.cmake"):
-        run("cpack", "--config", build / config, "-B", scratch / "out", cwd=build)
+        try:
+            run("cpack", "--config", build / config, "-B", scratch / "out", cwd=build)
+        except Failure as failure:
+            logs = sorted((scratch / "out").rglob("InstallOutput.log"))
+            raise Failure("\n".join([str(failure), *(log.read_text() for log in logs)])) from None
     return scratch / "out"
 
 
