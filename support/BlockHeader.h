@@ -28,6 +28,9 @@ inline BlockHeader* headerOf(void* block) {
     return static_cast<BlockHeader*>(block) - 1;
 }
 
+/// As `jAllocator::localAlloc`, but null when the system has no memory: for sizes that a peer decides on.
+void* tryAllocate(std::size_t size);
+
 /// Takes a block out of the books. False when it was not in them.
 bool untrack(BlockHeader& header);
 

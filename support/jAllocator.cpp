@@ -17,6 +17,12 @@ void allocationFailed(std::size_t size) {
     std::abort();
 }
 
+void* tryAllocate(std::size_t size) {
+    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockHeader);
+    void* raw = size <= kMost ? std::malloc(sizeof(BlockHeader) + size) : nullptr;
+    return raw ? blockOf(new (raw) BlockHeader) : nullptr;
+}
+
 } // namespace detail
 
 jAllocator* jAllocator::get() {
@@ -25,12 +31,11 @@ jAllocator* jAllocator::get() {
 }
 
 void* jAllocator::localAlloc(std::size_t size) {
-    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(detail::BlockHeader);
-    void* raw = size <= kMost ? std::malloc(sizeof(detail::BlockHeader) + size) : nullptr;
-    if (!raw) {
+    void* block = detail::tryAllocate(size);
+    if (!block) {
         detail::allocationFailed(size);
     }
-    return detail::blockOf(new (raw) detail::BlockHeader);
+    return block;
 }
 
 void jAllocator::localFree(void* block) {

@@ -1,5 +1,7 @@
 #include "support/net/Block.h"
 
+#include "support/BlockHeader.h"
+
 #include <support/jAllocator.h>
 #include <support/memInfo.h>
 
@@ -30,7 +32,9 @@ Block::~Block() {
 
 Block Block::allocate(std::uint32_t size) {
     Block block;
-    block.data_ = static_cast<unsigned char*>(jAllocator::get()->localAlloc(size));
+    block.data_ = static_cast<unsigned char*>(tryAllocate(size));
+    if (block.data_ == nullptr)
+        return block;
     block.size_ = size;
     memAddInfo(block.data_, true, kSource, __LINE__, "Block::allocate", size);
     return block;
@@ -41,11 +45,14 @@ unsigned char* Block::release() {
     return std::exchange(data_, nullptr);
 }
 
-void Block::grow(std::uint32_t size, std::uint32_t keep) {
+bool Block::grow(std::uint32_t size, std::uint32_t keep) {
     Block larger = allocate(size);
+    if (!larger)
+        return false;
     if (keep != 0)
         std::memcpy(larger.data_, data_, keep);
     *this = std::move(larger);
+    return true;
 }
 
 } // namespace kor::detail

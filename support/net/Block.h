@@ -12,7 +12,7 @@ public:
     Block& operator=(Block&& other) noexcept;
     ~Block();
 
-    /// A block of `size` bytes, not initialised.
+    /// A block of `size` bytes, not initialised; empty when the system has no memory for it.
     static Block allocate(std::uint32_t size);
 
     unsigned char* data() const { return data_; }
@@ -22,8 +22,8 @@ public:
     /// Gives the bytes to the caller, who frees them: `memRemoveInfo`, then `jAllocator::localFree`.
     unsigned char* release();
 
-    /// A larger block with the first `keep` bytes copied over.
-    void grow(std::uint32_t size, std::uint32_t keep);
+    /// A larger block with the first `keep` bytes copied over. False, and as it was, when there is no memory.
+    bool grow(std::uint32_t size, std::uint32_t keep);
 
 private:
     unsigned char* data_ = nullptr;

@@ -23,6 +23,7 @@ constexpr Nanoseconds kAcceptorPatience = 25 * kMillisecond; // then the accepti
 constexpr Nanoseconds kStampInterval = 20 * kMillisecond;
 constexpr std::uint32_t kMaxInFlight = 16384; // datagrams
 constexpr std::uint32_t kMaxRecorded = 4 * kMaxInFlight;
+constexpr std::uint32_t kMaxRecordedPieces = 4 * kMaxRecorded;
 
 std::uint32_t payloadLimit(const ConnectionConfig& config) {
     return std::clamp<std::uint32_t>(
@@ -69,6 +70,11 @@ void Connection::onDatagram(const DecodedDatagram& datagram, Nanoseconds arrival
                             Ring<NetEvent>& events) {
     ++stats_.datagramsReceived;
     stats_.wireBytesReceived += wireBytes;
+    // Nothing could be acknowledged after it.
+    if (received_.precedesFirst(datagram.number)) {
+        ++malformed_.badFrame;
+        return;
+    }
     lastHeard_ = std::max(lastHeard_, arrival);
     if (datagram.close) {
         closedByPeer_ = true;
@@ -169,8 +175,6 @@ void Connection::noteForAck(const DecodedDatagram& datagram, Nanoseconds arrival
     const bool newest = received_.empty() || number > received_.newest();
     if (received_.insert(number) != ReceivedNumbers::Arrival::fresh)
         ++stats_.duplicates;
-    if (received_.empty())
-        return; // from before the first number: nothing to acknowledge
     if (newest)
         newestArrival_ = arrival;
     if (datagram.ping && datagram.time)
@@ -256,7 +260,7 @@ void Connection::handleTimers(Nanoseconds now) {
     if (now >= sent_.nextLoss(lossRoundTrip(), reorderWindow_))
         account(sent_.detectLost(now, lossRoundTrip(), reorderWindow_, queue_), now);
     // A peer that sends and never acknowledges must not make the record of our answers grow.
-    while (sent_.recorded() > kMaxRecorded)
+    while (sent_.recorded() > kMaxRecorded || sent_.recordedPieces() > kMaxRecordedPieces)
         account(sent_.giveUpOldest(queue_), now);
     if (now < repairDeadline())
         return;

@@ -45,6 +45,27 @@ void Endpoint::pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_
     events_.push(std::move(event));
 }
 
+void Endpoint::takeEvents(Ring<NetEvent>& empty) {
+    std::swap(empty, events_);
+    ++eventQueue_;
+}
+
+void Endpoint::noteMeasured(Peer& peer) {
+    // One that nobody has taken will do: whoever takes it asks for the newest values.
+    if (peer.measuredIn == eventQueue_ && events_.contains(peer.measuredAt))
+        return;
+    peer.measuredIn = eventQueue_;
+    peer.measuredAt = events_.end();
+    pushEvent(NetEvent::Kind::measured, peer.connection->config().serial, peer.addr.getKey());
+}
+
+bool Endpoint::mayConnect(const Peer* known) {
+    if ((known != nullptr || peers_.size() < config_.maxPeers) && events_.size() < kMaxWaitingEvents)
+        return true;
+    ++stats_.refusedConnections;
+    return false;
+}
+
 void Endpoint::reportFailed(std::uint64_t addressKey) {
     pushEvent(NetEvent::Kind::failed, 0, addressKey);
 }
@@ -109,10 +130,8 @@ void Endpoint::onData(std::size_t socket, const RTAddr& from, std::span<const st
         return;
     }
     peer->connection->onDatagram(*decoded_, arrival, bytes.size(), events_);
-    const bool reported = !events_.empty() && events_.back().kind == NetEvent::Kind::measured &&
-                          events_.back().serial == peer->connection->config().serial;
-    if (decoded_->time && !reported)
-        pushEvent(NetEvent::Kind::measured, peer->connection->config().serial, from.getKey());
+    if (decoded_->time)
+        noteMeasured(*peer);
     if (peer->connection->closedByPeer())
         end(*peer, NetEvent::Kind::disconnected);
     else
@@ -125,10 +144,8 @@ void Endpoint::onRequest(std::size_t socket, const RTAddr& from, Nanoseconds now
     // Both connect at once: the larger nonce goes first.
     if (attempt != attempts_.end() && attempt->second.nonce >= nonce)
         return;
-    if (peers_.size() >= config_.maxPeers && peerAt(from) == nullptr) {
-        ++stats_.refusedConnections;
+    if (!mayConnect(peerAt(from)))
         return;
-    }
     if (Reply* out = reply(socket, from))
         out->size =
             writeChallenge(out->bytes, nonce, cookies_.make(from.getIP(), from.getPort(), nonce, now), now);
@@ -158,10 +175,8 @@ void Endpoint::onResponse(std::size_t socket, const RTAddr& from, Nanoseconds no
         return;
     if (isOutdated(from.getKey(), nonce, cookieTime))
         return;
-    if (peer == nullptr && peers_.size() >= config_.maxPeers) {
-        ++stats_.refusedConnections;
+    if (!mayConnect(peer))
         return;
-    }
     if (peer != nullptr)
         end(*peer, NetEvent::Kind::reconnecting);
     attempts_.erase(from.getKey());

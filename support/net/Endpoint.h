@@ -96,6 +96,8 @@ public:
     Nanoseconds nextWake() const;
 
     Ring<NetEvent>& events() { return events_; }
+    /// Exchanges events() for an empty queue.
+    void takeEvents(Ring<NetEvent>& empty);
 
     /// Sends one goodbye to every peer.
     void sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink);
@@ -116,6 +118,8 @@ private:
         std::unique_ptr<Connection> connection;
         Nanoseconds wake = kNever;
         std::size_t wakeIndex = 0;
+        std::uint64_t measuredAt = 0; ///< newest `measured` event of this connection
+        std::uint64_t measuredIn = UINT64_MAX; ///< the queue that it went into
     };
     /// What tells a late copy of the handshake that made a connection from a new one.
     struct Ended {
@@ -129,6 +133,8 @@ private:
         std::array<std::uint8_t, kHandshakeBytes> bytes;
     };
     static constexpr std::size_t kMaxReplies = 512; ///< waiting to be sent; more are dropped
+    /// Events that nobody has taken; more connections are refused meanwhile.
+    static constexpr std::size_t kMaxWaitingEvents = 1u << 18;
     static constexpr Nanoseconds kStopped =
         kSecond / 2; ///< a longer pause of our own means that we were stopped
 
@@ -148,6 +154,8 @@ private:
     void remember(const Peer& peer);
     void beginAttempt(const RTAddr& to, Nanoseconds tryDuration, int tries, Nanoseconds now);
     void end(Peer& peer, NetEvent::Kind kind);
+    void noteMeasured(Peer& peer);
+    bool mayConnect(const Peer* known);
     void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
     void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection->nextWake()); }
     bool pollAttempts(Nanoseconds now, DatagramSink& sink);
@@ -164,6 +172,7 @@ private:
     WakeQueue<Peer> wakes_;
     std::vector<Reply> replies_;
     Ring<NetEvent> events_;
+    std::uint64_t eventQueue_ = 0; ///< which one since the beginning
     std::uint64_t lastSerial_ = 0;
     Nanoseconds lastPoll_ = 0;
     Nanoseconds resetWindow_ = 0;

@@ -267,7 +267,7 @@ Nanoseconds NetDriver::nextDeadline() {
 
 bool NetDriver::takeEvents() {
     const std::lock_guard lock(coreMutex_);
-    std::swap(dispatching_, endpoint_->events());
+    endpoint_->takeEvents(dispatching_);
     return !dispatching_.empty();
 }
 

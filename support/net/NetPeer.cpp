@@ -14,6 +14,8 @@ std::uint64_t NetPeer::enqueue(const void* data, int size) {
     if (!takes(bytes))
         return RTUser::kRefused; // before the work of copying
     Block block = Block::allocate(bytes);
+    if (!block)
+        return RTUser::kRefused;
     std::memcpy(block.data(), data, bytes);
 
     std::uint64_t id = 0;

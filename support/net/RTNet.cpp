@@ -4,6 +4,8 @@
 
 #include <support/jLog.h>
 
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -57,7 +59,13 @@ void RTNet::release() {
 void RTNet::process() {
     if (!driver_->onLayerThread())
         driver_->beginThread();
-    driver_->turn();
+    try {
+        driver_->turn();
+    } catch (const std::bad_alloc&) {
+        // Packets that do not fit are refused before; without a few bytes more nothing can go on.
+        jLog::error("%s:out of memory", "RTNet::process");
+        std::abort();
+    }
 }
 
 NET_CONNECT_ATTEMPT_RET RTNet::connect(const jString& ip, unsigned short port, int attemptMilliseconds,

@@ -37,7 +37,7 @@ Reassembly::Result Reassembly::take(const FragmentFrame& fragment) {
             packet.size = 0;
         return Result::refused;
     }
-    const Result result = merge(packet, piece);
+    const Result result = merge(packet, piece, distance == 0);
     if (result == Result::taken)
         std::memcpy(packet.bytes.data() + piece.begin, fragment.bytes.data(), fragment.bytes.size());
     return result;
@@ -54,12 +54,28 @@ bool Reassembly::makeRoom(Partial& packet, std::uint32_t end) {
     if (!alone && heldBytes_ + room - have > limits_.heldBytes)
         return false;
     const std::uint32_t keep = packet.spans.empty() ? 0 : packet.spans.back().end;
-    packet.bytes.grow(room, keep);
+    if (!packet.bytes.grow(room, keep))
+        return false;
     heldBytes_ += room - have;
     return true;
 }
 
-Reassembly::Result Reassembly::merge(Partial& packet, Span piece) {
+bool Reassembly::makeSpanRoom(std::vector<Span>& spans, bool oldest) {
+    if (spans.size() >= kMaxGaps)
+        return false;
+    if (spans.size() < spans.capacity())
+        return true;
+    const std::size_t had = spans.capacity();
+    const std::size_t wanted = std::max<std::size_t>(1, 2 * had);
+    // Never the oldest packet, whose end all others wait for.
+    if (!oldest && spanRoom_ + wanted - had > kMaxSpanRoom)
+        return false;
+    spans.reserve(wanted);
+    spanRoom_ += spans.capacity() - had;
+    return true;
+}
+
+Reassembly::Result Reassembly::merge(Partial& packet, Span piece, bool oldest) {
     std::vector<Span>& spans = packet.spans;
     if (!spans.empty() && spans.back().end == piece.begin) {
         spans.back().end = piece.end;
@@ -83,9 +99,10 @@ Reassembly::Result Reassembly::merge(Partial& packet, Span piece) {
     if (added == 0)
         return Result::known;
     if (first == last) {
-        if (spans.size() >= kMaxGaps)
+        const auto at = first - spans.begin();
+        if (!makeSpanRoom(spans, oldest))
             return Result::refused;
-        spans.insert(first, joined);
+        spans.insert(spans.begin() + at, joined);
     } else {
         *first = joined;
         spans.erase(first + 1, last);
@@ -102,6 +119,7 @@ std::optional<Block> Reassembly::popWhole() {
         return std::nullopt;
     Block whole = std::move(packet.bytes);
     largestWhole_ = std::max(largestWhole_, packet.size);
+    spanRoom_ -= packet.spans.capacity();
     partial_.pop();
     ++waiting_;
     return whole;

@@ -34,6 +34,7 @@ public:
     static constexpr std::uint32_t kMaxAhead = 16u << 20;
     static constexpr std::uint64_t kPacketWindow = 4096;
     static constexpr std::size_t kMaxGaps = 1024; ///< per packet; more fragments apart than this are refused
+    static constexpr std::size_t kMaxSpanRoom = 1u << 16; ///< the same for all packets but the oldest together
 
     Reassembly(std::uint64_t firstPacketId, const Limits& limits)
         : partial_(firstPacketId), limits_(limits) {}
@@ -65,11 +66,13 @@ private:
     };
 
     bool makeRoom(Partial& packet, std::uint32_t end);
-    static Result merge(Partial& packet, Span piece);
+    bool makeSpanRoom(std::vector<Span>& spans, bool oldest);
+    Result merge(Partial& packet, Span piece, bool oldest);
 
     Ring<Partial> partial_;
     Limits limits_;
     std::uint64_t heldBytes_ = 0;
+    std::size_t spanRoom_ = 0;  ///< spans that all packets have room for
     std::uint64_t waiting_ = 0; ///< popped and not handed up
     std::uint32_t largestWhole_ = 0;
 };

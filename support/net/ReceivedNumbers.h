@@ -29,6 +29,9 @@ public:
     /// The number nearest to the newest one that ends in these 32 bits. Never 0.
     std::uint64_t unwrap(std::uint32_t wire) const;
 
+    /// True while nothing has arrived and the number is from before the first one, which no peer sends.
+    bool precedesFirst(std::uint32_t wire) const { return empty() && unwrap(wire) < floor_; }
+
     /// Notes the arrival of a number that unwrap() gave.
     Arrival insert(std::uint64_t number);
 

@@ -72,6 +72,7 @@ public:
     std::uint64_t inFlightCharge() const { return inFlightCharge_; }
     std::uint32_t inFlight() const { return inFlight_; }
     std::uint32_t recorded() const { return static_cast<std::uint32_t>(entries_.size()); }
+    std::uint32_t recordedPieces() const { return static_cast<std::uint32_t>(fragments_.size()); }
     Nanoseconds lastSent() const { return lastSent_; } ///< newest datagram that wants an acknowledgement
 
 private:
