@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 
 namespace kor::detail {
 
@@ -36,8 +37,15 @@ constexpr Tables kTables = makeTables();
 } // namespace
 
 std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
-    static const bool hardware = crc32cHardwareAvailable();
-    return hardware ? crc32cHardware(crc, bytes.data(), bytes.size()) : crc32cPortable(bytes, crc);
+    return crc32cHardwareAvailable() ? crc32cHardware(crc, bytes.data(), bytes.size())
+                                     : crc32cPortable(bytes, crc);
+}
+
+std::uint32_t crc32cCopy(std::span<const std::uint8_t> bytes, std::uint8_t* copyTo, std::uint32_t crc) {
+    if (crc32cHardwareAvailable())
+        return crc32cHardwareCopy(crc, bytes.data(), bytes.size(), copyTo);
+    std::memcpy(copyTo, bytes.data(), bytes.size());
+    return crc32cPortable(bytes, crc);
 }
 
 std::uint32_t crc32cPortable(std::span<const std::uint8_t> bytes, std::uint32_t crc) {

@@ -149,8 +149,12 @@ private:
     std::uint8_t* beginFrame(FrameType type, std::size_t bytes);
     std::uint8_t* beginOnlyFrame(FrameType type, std::size_t bytes);
 
+    void sumUp();
+
     std::span<std::uint8_t> buffer_;
     std::size_t size_ = 0;
+    std::size_t summed_;    ///< up to here the check sum is known
+    std::uint32_t sum_ = 0; ///< of the bytes from behind the check sum to there
     std::size_t fragments_ = 0;
     unsigned framesOnce_ = 0; ///< bit per type of those frames that may come once and have
 };

@@ -1,3 +1,4 @@
+#include "support/net/Crc32c.h"
 #include "support/net/DatagramFormat.h"
 #include "support/net/LittleEndian.h"
 
@@ -34,7 +35,7 @@ std::size_t rangesThatFit(const AckFrame& ack, std::size_t room) {
 
 DatagramWriter::DatagramWriter(std::span<std::uint8_t> buffer, std::uint64_t connectionId, bool fromInitiator,
                                std::uint32_t number)
-    : buffer_(buffer), size_(kDataHeaderBytes) {
+    : buffer_(buffer), size_(kDataHeaderBytes), summed_(kChecksumBytes) {
     assert(buffer.size() >= kDataHeaderBytes);
     writeHeader(buffer, DatagramKind::data, fromInitiator, connectionId);
     store32(buffer.data() + kHeaderBytes, number);
@@ -120,7 +121,11 @@ bool DatagramWriter::addFragment(const FragmentFrame& fragment) {
     store32(to + 4, fragment.packetSize);
     store32(to + 8, fragment.offset);
     store16(to + 12, static_cast<std::uint16_t>(length));
-    std::memcpy(to + 14, fragment.bytes.data(), length);
+    size_ -= length;
+    sumUp();
+    sum_ = crc32cCopy(fragment.bytes, to + 14, sum_);
+    size_ += length;
+    summed_ = size_;
     ++fragments_;
     return true;
 }
@@ -134,9 +139,15 @@ bool DatagramWriter::addPaddingTo(std::size_t size) {
     return true;
 }
 
+void DatagramWriter::sumUp() {
+    sum_ = crc32c(buffer_.subspan(summed_, size_ - summed_), sum_);
+    summed_ = size_;
+}
+
 std::size_t DatagramWriter::finish() {
     assert(!empty());
-    writeChecksum(buffer_.first(size_));
+    sumUp();
+    store32(buffer_.data(), sum_);
     return size_;
 }
 

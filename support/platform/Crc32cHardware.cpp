@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
 
 namespace kor::detail {
 
@@ -46,23 +47,61 @@ std::uint64_t load64(const std::uint8_t* from) {
     return static_cast<std::uint64_t>(_mm_cvtsi128_si64(product));
 }
 
+/// Stands for a place to copy to where nothing is to be copied.
+struct NoCopy {
+    NoCopy operator+(std::size_t) const { return {}; }
+};
+
+std::uint64_t pass(const std::uint8_t* from, NoCopy) {
+    return load64(from);
+}
+
+std::uint64_t pass(const std::uint8_t* from, std::uint8_t* copyTo) {
+    const std::uint64_t word = load64(from);
+    std::memcpy(copyTo, &word, sizeof word);
+    return word;
+}
+
 /// Three neighbouring streams of `words` words each: the instruction takes three cycles, but starts one every
 /// cycle.
+template <typename To>
 [[gnu::target("sse4.2,pclmul")]] std::uint64_t threeStreams(std::uint64_t crc, const std::uint8_t* data,
-                                                            std::size_t words) {
+                                                            std::size_t words, To copyTo) {
     const std::size_t stride = words * kWordBytes;
-    const std::uint8_t* const last = data + stride - kWordBytes;
     std::uint64_t second = 0;
     std::uint64_t third = 0;
-    for (; data != last; data += kWordBytes) {
-        crc = _mm_crc32_u64(crc, load64(data));
-        second = _mm_crc32_u64(second, load64(data + stride));
-        third = _mm_crc32_u64(third, load64(data + 2 * stride));
+    for (std::size_t at = 0; at != stride - kWordBytes; at += kWordBytes) {
+        crc = _mm_crc32_u64(crc, pass(data + at, copyTo + at));
+        second = _mm_crc32_u64(second, pass(data + at + stride, copyTo + (at + stride)));
+        third = _mm_crc32_u64(third, pass(data + at + 2 * stride, copyTo + (at + 2 * stride)));
     }
-    crc = _mm_crc32_u64(crc, load64(data));
-    second = _mm_crc32_u64(second, load64(data + stride));
-    return _mm_crc32_u64(third, load64(data + 2 * stride) ^ multiply(crc, kShifts[2 * words]) ^
-                                    multiply(second, kShifts[words]));
+    const std::size_t last = stride - kWordBytes;
+    crc = _mm_crc32_u64(crc, pass(data + last, copyTo + last));
+    second = _mm_crc32_u64(second, pass(data + last + stride, copyTo + (last + stride)));
+    return _mm_crc32_u64(third, pass(data + last + 2 * stride, copyTo + (last + 2 * stride)) ^
+                                    multiply(crc, kShifts[2 * words]) ^ multiply(second, kShifts[words]));
+}
+
+template <typename To>
+[[gnu::target("sse4.2,pclmul")]] std::uint32_t sum(std::uint32_t crc, const std::uint8_t* data,
+                                                   std::size_t size, To copyTo) {
+    std::uint64_t wide = ~crc;
+    while (size >= 3 * kLeastWords * kWordBytes) {
+        const std::size_t words = std::min(size / (3 * kWordBytes), kMaxWords);
+        const std::size_t bytes = 3 * words * kWordBytes;
+        wide = threeStreams(wide, data, words, copyTo);
+        data += bytes;
+        copyTo = copyTo + bytes;
+        size -= bytes;
+    }
+    if constexpr (!std::is_same_v<To, NoCopy>)
+        std::memcpy(copyTo, data, size);
+    for (; size >= kWordBytes; data += kWordBytes, size -= kWordBytes)
+        wide = _mm_crc32_u64(wide, load64(data));
+    auto result = static_cast<std::uint32_t>(wide);
+    for (; size > 0; ++data, --size)
+        result = _mm_crc32_u8(result, *data);
+    return ~result;
 }
 
 } // namespace
@@ -72,21 +111,13 @@ bool crc32cHardwareAvailable() {
     return available;
 }
 
-[[gnu::target("sse4.2,pclmul")]] std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data,
-                                                              std::size_t size) {
-    std::uint64_t sum = ~crc;
-    while (size >= 3 * kLeastWords * kWordBytes) {
-        const std::size_t words = std::min(size / (3 * kWordBytes), kMaxWords);
-        sum = threeStreams(sum, data, words);
-        data += 3 * words * kWordBytes;
-        size -= 3 * words * kWordBytes;
-    }
-    for (; size >= kWordBytes; data += kWordBytes, size -= kWordBytes)
-        sum = _mm_crc32_u64(sum, load64(data));
-    auto result = static_cast<std::uint32_t>(sum);
-    for (; size > 0; ++data, --size)
-        result = _mm_crc32_u8(result, *data);
-    return ~result;
+std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::size_t size) {
+    return sum(crc, data, size, NoCopy{});
+}
+
+std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
+                                 std::uint8_t* copyTo) {
+    return sum(crc, data, size, copyTo);
 }
 
 } // namespace kor::detail
@@ -100,6 +131,10 @@ bool crc32cHardwareAvailable() {
 }
 
 std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t*, std::size_t) {
+    return crc;
+}
+
+std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t*, std::size_t, std::uint8_t*) {
     return crc;
 }
 

@@ -16,4 +16,8 @@ bool crc32cHardwareAvailable();
 /// Computation for iSCSI Polynomial Using CRC32 Instruction", Intel 2011.
 std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::size_t size);
 
+/// The same, and copies the data to `copyTo`, which must not overlap it: reads it once for both.
+std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
+                                 std::uint8_t* copyTo);
+
 } // namespace kor::detail

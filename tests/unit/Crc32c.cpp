@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <random>
 #include <string_view>
@@ -60,6 +61,10 @@ TEST(Crc32c, WaysAgreeAndContinue) {
         ASSERT_EQ(crc32c(part), whole) << from << " " << size;
         ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
         ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole);
+        Bytes copy(size + 1);
+        ASSERT_EQ(crc32cCopy(part, copy.data()), whole);
+        ASSERT_TRUE(std::equal(part.begin(), part.end(), copy.begin()));
+        ASSERT_EQ(copy.back(), 0) << "written behind the end";
     }
 }
 
