@@ -138,7 +138,7 @@ endif()
 
 # cpack brings these up to date before it packs.
 add_custom_target(package-files DEPENDS ${made} kor)
-foreach(target docs kor-master kor-slave)
+foreach(target docs kor-trace kor-trace-merge kor-master kor-slave)
   if(TARGET ${target})
     add_dependencies(package-files ${target})
   endif()
