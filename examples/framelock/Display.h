@@ -26,11 +26,14 @@ public:
         const auto upcoming = static_cast<long long>(std::floor(now / interval_ - phase_)) + 1;
         const long long missed = last_ == 0 ? 0 : std::max(upcoming - last_ - 1, 0LL);
         last_ = std::max(upcoming, last_ + 1);
-        const std::chrono::duration<double> refresh((static_cast<double>(last_) + phase_) * interval_);
+        const std::chrono::duration<double> refresh(lastRefresh());
         std::this_thread::sleep_until(
             Clock::time_point(std::chrono::duration_cast<Clock::duration>(refresh)));
         return missed;
     }
+
+    /// Time of the refresh that was waited for last, on the system's steady clock, in seconds.
+    double lastRefresh() const { return (static_cast<double>(last_) + phase_) * interval_; }
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -48,6 +48,7 @@ void installSignalHandlers() {
         std::signal(signal, [](int) { stopFlag = true; });
     }
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool stopRequested() {

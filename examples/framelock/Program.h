@@ -9,8 +9,8 @@ enum ExitStatus : int {
     kExitPortsInUse = 3, ///< a port cannot be opened
 };
 
-/// Lets SIGINT, SIGTERM and SIGHUP ask the program to end, and makes writing to a closed pipe an error
-/// instead of a death.
+/// Lets SIGINT, SIGTERM and SIGHUP ask the program to end, and makes writing to a closed pipe or beyond the
+/// size that files may have an error instead of a death.
 void installSignalHandlers();
 
 /// True once a signal has come.
