@@ -86,10 +86,22 @@ def why_unlocked(slave: SlaveFigures, plan: Plan) -> str:
     return f"data sent {plan.lead} frames ahead came too late for its refreshes; with --lead {lead} it may"
 
 
+def run_guarded_wall(arguments: argparse.Namespace) -> int:
+    from . import wall  # needs libraries that the rest does not
+
+    try:
+        return wall.run(arguments)
+    except Interrupted as reason:
+        print(f"demo: ended by {reason}", file=sys.stderr)
+        return EXIT_INTERRUPTED
+
+
 def run(arguments: argparse.Namespace) -> int:
     """Runs the demo; returns its exit status."""
     for name in ENDING_SIGNALS:
         signal.signal(name, interrupt)
+    if arguments.wall:
+        return run_guarded_wall(arguments)
     plan = Plan(
         programs=arguments.build / "examples",
         slaves=arguments.slaves,

@@ -152,7 +152,14 @@ class Cluster:
         with ending_signals_blocked():  # a new thread inherits this: only the main thread is to get them
             self._reader.start()
 
-    def _launch(self, name: str, stream: Stream, command: list[str]) -> None:
+    def _launch(
+        self,
+        name: str,
+        stream: Stream,
+        command: list[str],
+        stdin: int = subprocess.DEVNULL,
+        environment: dict[str, str] | None = None,
+    ) -> None:
         program = self.plan.programs / command[0]
         if not program.is_file():
             raise ClusterError(f"{program} is not there; build it first (script/demo does)")
@@ -163,10 +170,11 @@ class Cluster:
             started = time.monotonic()
             popen = subprocess.Popen(
                 [str(program), *command[1:], "--quiet", "--verbose", "--report", f"/dev/fd/{writing}"],
-                stdin=subprocess.DEVNULL,
+                stdin=stdin,
                 stdout=log,
                 stderr=subprocess.STDOUT,
                 pass_fds=[writing],
+                env=None if environment is None else os.environ | environment,
             )
         except BaseException:
             os.close(reading)

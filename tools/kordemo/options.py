@@ -29,9 +29,25 @@ def parse_arguments() -> argparse.Namespace:
         "130 interrupted. docs/demo.md tells what is measured and how.",
     )
     parser.add_argument("--slaves", metavar="N", type=between(1, 64, int), default=3, help="slaves (3)")
-    parser.add_argument("--seconds", metavar="S", type=between(0.5, 3600, float), default=10.0, help="duration (10)")
     parser.add_argument(
-        "--lead", metavar="L", type=between(0, 120, int), default=2, help="frames that data is sent ahead (2)"
+        "--seconds",
+        metavar="S",
+        type=between(0.5, 3600, float),
+        help="duration (10; with --wall, until a window is closed, or where there is no display, until measured)",
+    )
+    parser.add_argument(
+        "--wall",
+        action="store_true",
+        help="open a window for each slave, or draw out of sight where there is no display, and measure the pictures",
+    )
+    parser.add_argument(
+        "--captures", metavar="N", type=between(1, 1000, int), default=8, help="with --wall: pictures per mode (8)"
+    )
+    parser.add_argument(
+        "--pictures", metavar="DIR", type=Path, help="with --wall: where to put them (wall/ in the build folder)"
+    )
+    parser.add_argument(
+        "--lead", metavar="L", type=between(0, 120, int), help="frames that data is sent ahead (2; with --wall 6)"
     )
     parser.add_argument(
         "--rate", metavar="HZ", type=between(1, 1000, float), default=60.0, help="frames per second (60)"
@@ -58,6 +74,10 @@ def parse_arguments() -> argparse.Namespace:
     arguments = parser.parse_args()
     if arguments.json and not writable(arguments.json):
         parser.error(f"argument --json: cannot write {arguments.json}")
+    if arguments.seconds is None and not arguments.wall:
+        arguments.seconds = 10.0
+    if arguments.lead is None:
+        arguments.lead = 6 if arguments.wall else 2
     return arguments
 
 

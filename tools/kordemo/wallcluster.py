@@ -1,0 +1,129 @@
+"""Starts the wall: a master, and a slave with a window for each part of the picture."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from .cluster import BROADCAST, PORTS_IN_USE, Cluster, ClusterError, Plan, PortsTaken, ending_signals_blocked
+from .cluster import free_ports, joined
+from .samples import Stream
+from .xserver import XServer
+
+
+class WindowClosed(Exception):
+    """Somebody closed a window of the wall, or pressed q in it."""
+
+
+class WallStream(Stream):
+    """What a process of the wall tells: pictures and complaints."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.pictures: list[dict[str, Any]] = []
+        self.complaints: list[str] = []
+        self.closed = False
+
+    def _take(self, line: dict[str, Any]) -> None:
+        super()._take(line)
+        self.closed = self.closed or bool(line.get("closed"))
+
+    def take_sample(self, line: dict[str, Any]) -> None:
+        if line["type"] == "picture":
+            self.pictures.append(line)
+        elif line["type"] == "complaint":
+            self.complaints.append(line["text"])
+
+
+@dataclass(frozen=True)
+class WallPlan(Plan):
+    """What to start; each window is `size` pixels and shows one camera."""
+
+    size: tuple[int, int] = (320, 240)
+    pictures: Path = Path()
+
+    def camera(self, index: int) -> str:
+        return f"part-{index + 1}"
+
+
+class WallCluster(Cluster):
+    plan: WallPlan
+
+    def __init__(self, plan: WallPlan) -> None:
+        super().__init__(plan)
+        self._servers: list[XServer] = []
+
+    @property
+    def streams(self) -> list[WallStream]:
+        return [p.stream for p in self.processes if isinstance(p.stream, WallStream)]
+
+    @property
+    def bars(self) -> list[dict[str, Any]]:
+        """The bars that move evenly across the wall: colour, pixels per second, pixels until they start anew."""
+        header = self.streams[0].header
+        assert header is not None
+        return list(header["bars"])
+
+    def command(self, line: str) -> None:
+        """Tells the master what to do."""
+        stdin = self.processes[0].popen.stdin
+        assert stdin is not None
+        try:
+            stdin.write(line.encode() + b"\n")
+            stdin.flush()
+        except BrokenPipeError:
+            self.check()
+
+    def _start(self) -> None:
+        plan = self.plan
+        count = plan.slaves
+        width, height = plan.size
+        environments: list[dict[str, str]] = [{} for _ in range(count)]
+        if not on_a_display():
+            self._servers += [XServer(width, height) for _ in range(count)]
+            # One thread each: the machine's cores are the cluster's.
+            software = {"LIBGL_ALWAYS_SOFTWARE": "1", "LP_NUM_THREADS": "1", "SDL_VIDEODRIVER": "x11"}
+            environments = [software | {"DISPLAY": server.display()} for server in self._servers]
+        ports = free_ports(3 * count)
+        announce, bind, data = ports[:count], ports[count : 2 * count], ports[2 * count :]
+        # fmt: off
+        self._launch("master", WallStream(), [
+            "kor-wall-master", "--commands", "--wall", f"{width * count},{height}", "--broadcast", BROADCAST,
+            "--announce-ports", joined(announce), "--bind-ports", joined(bind), "--data-ports", joined(data),
+            "--rate", f"{plan.rate:.17g}", "--lead", str(plan.lead),
+        ], stdin=subprocess.PIPE)
+        for i in range(count):
+            refresh = ["--refresh", f"{plan.refresh:.17g}", "--phase", f"{i / count:.6f}"] if self._servers else []
+            self._launch(f"slave-{i + 1}", WallStream(), [
+                "kor-wall-slave", "--name", f"slave-{i + 1}", "--announce-port", str(announce[i]),
+                "--camera", f"{plan.camera(i)}={width * i},0,{width},{height}", "--rate", f"{plan.rate:.17g}",
+                "--pictures", str(plan.pictures), "--window", f"{0 if self._servers else width * i},0", *refresh,
+            ], environment=environments[i])
+        # fmt: on
+        with ending_signals_blocked():
+            self._reader.start()
+
+    def check(self) -> None:
+        for process in self.processes[1:]:
+            if process.popen.poll() == 0:
+                raise WindowClosed(process.name)
+        super().check()
+
+    def _end(self) -> None:
+        if self.processes and self.processes[0].popen.stdin:
+            self.processes[0].popen.stdin.close()
+        try:
+            super()._end()
+        finally:
+            for server in self._servers:
+                server.end()
+
+
+def on_a_display() -> bool:
+    return bool(os.environ.get("DISPLAY") or os.environ.get("WAYLAND_DISPLAY"))
+
+
+__all__ = ["PORTS_IN_USE", "ClusterError", "PortsTaken", "WallCluster", "WallPlan", "WindowClosed", "on_a_display"]
