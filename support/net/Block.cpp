@@ -1,6 +1,7 @@
 #include "support/net/Block.h"
 
 #include "support/BlockHeader.h"
+#include "support/net/SpareBlocks.h"
 
 #include <support/jAllocator.h>
 #include <support/memInfo.h>
@@ -27,12 +28,13 @@ Block::~Block() {
     if (data_ == nullptr)
         return;
     memRemoveInfo(data_, kSource, __LINE__, "Block::~Block");
-    jAllocator::get()->localFree(data_);
+    keepSpareBlock(data_, size_);
 }
 
 Block Block::allocate(std::uint32_t size) {
     Block block;
-    block.data_ = static_cast<unsigned char*>(tryAllocate(size));
+    void* const spare = takeSpareBlock(size);
+    block.data_ = static_cast<unsigned char*>(spare != nullptr ? spare : tryAllocate(blockCapacity(size)));
     if (block.data_ == nullptr)
         return block;
     block.size_ = size;
