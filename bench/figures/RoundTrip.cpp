@@ -2,7 +2,10 @@
 #include "../Statistics.h"
 #include "Figures.h"
 
-#include <memory>
+#include <array>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kor::bench {
 
@@ -15,8 +18,8 @@ constexpr double kSamples = 2000;
 /// Two processes, one asking and one answering.
 class Pair {
 public:
-    explicit Pair(const std::string& transport)
-        : echo_(transport + "-echo"), ping_(transport + "-ping", {echo_.hear().at(0)}) {
+    explicit Pair(const std::string& transport, const std::vector<double>& settings = {})
+        : echo_(transport + "-echo", settings), ping_(transport + "-ping", withPort(settings)) {
         ping_.hear();
         ping_.ask("round", {kWarmUp});
     }
@@ -24,6 +27,11 @@ public:
     double round(const std::string& from) { return ping_.ask(from, {kSamples}).at(0); }
 
 private:
+    std::vector<double> withPort(std::vector<double> settings) {
+        settings.push_back(echo_.hear().at(0));
+        return settings;
+    }
+
     Child echo_;
     Child ping_;
 };
@@ -32,22 +40,29 @@ private:
 
 void measureRoundTrip(Table& table) {
     Pair kor("kor");
-    Pair udp("udp");
-    Pair enet("enet");
+    struct Reference {
+        const char* label;
+        Pair pair;
+        std::vector<double> medians;
+    };
+    std::array<Reference, 3> references = {
+        Reference{"UDP with the same calls", Pair("udp", {1}), {}},
+        Reference{"UDP in blocking recv", Pair("udp", {0}), {}},
+        Reference{"ENet", Pair("enet"), {}},
+    };
     std::vector<double> fromCallback;
     std::vector<double> fromThread;
-    std::vector<double> ofUdp;
-    std::vector<double> ofEnet;
     for (int round = 0; round != kRounds; ++round) {
-        ofUdp.push_back(udp.round("round"));
         fromCallback.push_back(kor.round("round"));
-        ofEnet.push_back(enet.round("round"));
+        for (Reference& reference : references)
+            reference.medians.push_back(reference.pair.round("round"));
         fromThread.push_back(kor.round("thread"));
     }
-    table.add({"round-trip, 64 bytes, from callbacks, vs UDP", median(fromCallback), "us", median(ofUdp)});
-    table.add({"round-trip, 64 bytes, from callbacks, vs ENet", median(fromCallback), "us", median(ofEnet)});
-    table.add({"round-trip, 64 bytes, from a thread, vs UDP", median(fromThread), "us", median(ofUdp)});
-    table.add({"round-trip, 64 bytes, from a thread, vs ENet", median(fromThread), "us", median(ofEnet)});
+    for (const auto& [from, medians] :
+         {std::pair{"from callbacks", &fromCallback}, std::pair{"from a thread", &fromThread}})
+        for (const Reference& reference : references)
+            table.add({std::string("round-trip, 64 bytes, ") + from + ", vs " + reference.label,
+                       median(*medians), "us", median(reference.medians)});
 }
 
 } // namespace kor::bench

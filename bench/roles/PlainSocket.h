@@ -63,12 +63,7 @@ public:
                 set(SOL_SOCKET, plain, bytes);
     }
 
-private:
-    struct Descriptor {
-        int fd;
-    };
-    explicit PlainSocket(Descriptor descriptor) : fd_(descriptor.fd) {}
-
+    /// The address of a port of this machine.
     static sockaddr_in here(std::uint16_t port) {
         sockaddr_in name{};
         name.sin_family = AF_INET;
@@ -76,6 +71,12 @@ private:
         name.sin_port = htons(port);
         return name;
     }
+
+private:
+    struct Descriptor {
+        int fd;
+    };
+    explicit PlainSocket(Descriptor descriptor) : fd_(descriptor.fd) {}
 
     int fd_;
 };

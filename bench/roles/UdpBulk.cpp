@@ -1,5 +1,8 @@
 // Bulk data over bare UDP, without any care for what is lost: what arrives is what the system calls can do.
+// The third setting chooses between the connection layer's calls, epoll_wait and recvmmsg with addresses and
+// stamps, and the least that there is: connected sockets and a receiver that blocks in recvmmsg.
 
+#include "DatagramReader.h"
 #include "Meter.h"
 #include "PlainSocket.h"
 #include "Roles.h"
@@ -39,11 +42,23 @@ void receive(int fd, Meter& meter) {
     }
 }
 
+/// Reads for ever as the connection layer does.
+void receiveSameCalls(int fd, Meter& meter) {
+    DatagramReader reader(fd);
+    for (;;) {
+        std::uint64_t sum = 0;
+        reader.read([&sum](const char*, std::size_t size, const sockaddr_in&) { sum += size; });
+        meter.arrived(sum);
+    }
+}
+
 class Sender {
 public:
-    Sender(std::uint16_t port, std::size_t payload, bool offload) {
+    Sender(std::uint16_t port, std::size_t payload, bool offload, bool sameCalls)
+        : to_(PlainSocket::here(port)) {
         socket_.setBuffers();
-        socket_.connect(port);
+        if (!sameCalls)
+            socket_.connect(port);
         const std::size_t segments = std::max<std::size_t>(1, kTrainBytes / payload);
         if (offload && segments > 1) {
             socket_.set(IPPROTO_UDP, UDP_SEGMENT, static_cast<int>(payload));
@@ -56,6 +71,10 @@ public:
         for (std::size_t i = 0; i != vectors_.size(); ++i) {
             messages_[i].msg_hdr.msg_iov = &vectors_[i];
             messages_[i].msg_hdr.msg_iovlen = 1;
+            if (sameCalls) {
+                messages_[i].msg_hdr.msg_name = &to_;
+                messages_[i].msg_hdr.msg_namelen = sizeof to_;
+            }
         }
     }
 
@@ -66,6 +85,7 @@ public:
     }
 
 private:
+    sockaddr_in to_;
     PlainSocket socket_{SOCK_DGRAM};
     std::vector<char> bytes_ = std::vector<char>(kTrainBytes, 'u');
     std::vector<iovec> vectors_;
@@ -81,14 +101,15 @@ void udpSink(const std::vector<double>& arguments, Orders& orders) {
     if (arguments.at(1) != 0)
         socket.set(IPPROTO_UDP, UDP_GRO, 1);
     orders.answer({static_cast<double>(socket.port())});
-    std::thread(receive, socket.fd(), std::ref(meter)).detach(); // ends with the process
+    // Ends with the process.
+    std::thread(arguments.at(2) != 0 ? receiveSameCalls : receive, socket.fd(), std::ref(meter)).detach();
     for (Order order; orders.next(order);)
         orders.answer(meter.take());
 }
 
 void udpSource(const std::vector<double>& arguments, Orders& orders) {
-    Sender sender(static_cast<std::uint16_t>(arguments.at(2)), static_cast<std::size_t>(arguments.at(0)),
-                  arguments.at(1) != 0);
+    Sender sender(static_cast<std::uint16_t>(arguments.at(3)), static_cast<std::size_t>(arguments.at(0)),
+                  arguments.at(1) != 0, arguments.at(2) != 0);
     orders.answer({});
     for (Order order; orders.next(order);) {
         sender.run(order.numbers.at(0));
