@@ -34,7 +34,8 @@ public:
     static constexpr std::uint32_t kMaxAhead = 16u << 20;
     static constexpr std::uint64_t kPacketWindow = 4096;
     static constexpr std::size_t kMaxGaps = 1024; ///< per packet; more fragments apart than this are refused
-    static constexpr std::size_t kMaxSpanRoom = 1u << 16; ///< the same for all packets but the oldest together
+    static constexpr std::size_t kMaxSpanRoom = 1u
+                                                << 16; ///< the same for all packets but the oldest together
 
     Reassembly(std::uint64_t firstPacketId, const Limits& limits)
         : partial_(firstPacketId), limits_(limits) {}
