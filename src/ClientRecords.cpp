@@ -35,7 +35,15 @@ void ClientRecords::retire(Client* client) {
 }
 
 void ClientRecords::collect() {
+    jVector<Client*> held;
+    for (int i = 0; i < leaving_.count; ++i) {
+        if (leaving_[i]->held) {
+            held.push_back(leaving_[i]);
+            leaving_[i--] = leaving_[--leaving_.count];
+        }
+    }
     freeAll(leaving_);
+    leaving_.push_back(held);
     leaving_.push_back(retired_);
     retired_.count = 0;
 }

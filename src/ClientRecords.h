@@ -23,7 +23,7 @@ public:
     /// alone.
     void retire(Client* client);
 
-    /// Frees what was retired before the last call.
+    /// Frees what was retired before the last call and is not held by a registry.
     void collect();
 
 private:

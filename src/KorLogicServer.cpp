@@ -60,11 +60,13 @@ void KorLogicServer::release() {
     server->release();
     {
         AtomicLock guard(&slaveLock);
-        for (Slave* slave : slaves) {
-            slave->client = nullptr; // freed with the endpoint
-        }
-        for (Slave* slave : departedSlaves) {
-            slave->client = nullptr;
+        for (const jVector<Slave*>* all : {&slaves, &departedSlaves}) {
+            for (Slave* slave : *all) {
+                if (slave->client) {
+                    slave->client->held = false;
+                }
+                slave->client = nullptr; // freed with the endpoint
+            }
         }
     }
     releaseSlots(server->clientIdleSignal);

@@ -31,6 +31,9 @@ void KorLogicServer::onConnect(const RTAddr& addr, bool established) {
     }
     auto* slave = detail::makeTracked<Slave>(kFile, __LINE__, "KorLogicServer::onConnect");
     slave->client = server ? server->getClientByAddr(addr) : nullptr;
+    if (slave->client) {
+        slave->client->held = true;
+    }
     slave->addr = addr;
     slaves.push_back(slave);
     publish_slaves();
@@ -167,6 +170,7 @@ void KorLogicServer::free_departed() {
     AtomicLock guard(&slaveLock);
     for (Slave* slave : slaves) {
         if (slave->client && slave->client->retired) {
+            slave->client->held = false;
             slave->client = nullptr;
         }
     }
@@ -176,6 +180,10 @@ void KorLogicServer::free_departed() {
     }
     departedLists.count = 0;
     for (Slave* slave : departedSlaves) {
+        const auto sameClient = [&](const Slave* other) { return other->client == slave->client; };
+        if (slave->client && std::none_of(slaves.begin(), slaves.end(), sameClient)) {
+            slave->client->held = false;
+        }
         detail::freeTracked(slave, kFile, __LINE__, "KorLogicServer::remove_slave");
     }
     departedSlaves.count = 0;

@@ -232,6 +232,7 @@ private:
     bool dropping = false;
     detail::SharedValue<std::uint64_t> droppedPackets{0};
     detail::SharedValue<bool> retired{false}; // no longer listed by the endpoint, freed soon
+    detail::SharedValue<bool> held{false};    // a registry of slaves points here, so do not free it yet
 };
 
 } // namespace kor

@@ -196,6 +196,38 @@ TEST_F(MasterFrame, ForgetsARecordThatTheApplicationRemoved) {
     EXPECT_EQ(master.getSlave("node-a"), nullptr);
 }
 
+TEST_F(MasterFrame, KeepsARecordReadableHoweverOftenTheApplicationWaitsOnTheEndpoint) {
+    const char* const name = "a name that is too long to be stored inside";
+    Client& client = connect(userA);
+    master.onConnect(kA, true); // now that the record has its address
+    ASSERT_EQ(master.getSlave(kA)->client, &client);
+    deliver(client, &userA, introductionOf(name, {"left"}));
+    const auto wait = [&] {
+        for (int i = 0; i < 4; ++i) {
+            master.server->wait(0);
+        }
+    };
+    {
+        AtomicLock guard(master.server->getLock());
+        EXPECT_TRUE(master.server->removeClientByAddr(kA));
+    }
+    wait();
+    ASSERT_NE(master.getSlave(kA), nullptr);
+    EXPECT_EQ(master.getSlave(kA)->client, &client);
+    EXPECT_STREQ(client.getName().c_str(), name);
+    EXPECT_EQ(master.getSlave(name), nullptr);
+
+    // The same for a slave that has left the registry, until the logic's own wait.
+    const KorLogicServer::Slave* slave = master.getSlave(kA);
+    master.onDisConnect(kA);
+    wait();
+    EXPECT_STREQ(slave->client->getName().c_str(), name);
+    const auto held = memReport().liveBlocks;
+    master.wait(0);
+    wait();
+    EXPECT_LT(memReport().liveBlocks, held) << "then it is freed";
+}
+
 TEST_F(MasterFrame, TakesInTheNewestReport) {
     Client& client = connect(userA);
     Client& other = connect(userB);
