@@ -14,21 +14,19 @@ using std::chrono::milliseconds;
 
 class Survival : public Cluster {
 protected:
-    /// Stops a process for that long at least; true when it was not stopped for much longer, as happens on
-    /// a busy machine.
-    static bool stopFor(ChildProcess& process, milliseconds time, milliseconds most) {
+    /// Stops a process for that long at least.
+    static void stopFor(ChildProcess& process, milliseconds time) {
         const Clock::time_point begin = Clock::now();
         process.signal(SIGSTOP);
         while (Clock::now() < begin + time) {
             ChildProcess::pump(milliseconds(20));
         }
         process.signal(SIGCONT);
-        return Clock::now() <= begin + most;
     }
 
-    void startAndLock(int count) {
-        startMaster(count);
-        startSlaves(count);
+    void startAndLock(int count, const Arguments& extra = {}) {
+        startMaster(count, extra);
+        startSlaves(count, extra);
         ASSERT_TRUE(awaitAllLockedAnew());
     }
 
@@ -58,20 +56,14 @@ TEST_F(Survival, AKilledSlaveIsForgottenAndTheOthersDoNotNotice) {
 }
 
 TEST_F(Survival, ASlaveStoppedForASecondKeepsItsConnectionAndLosesNothing) {
-    startAndLock(2);
-    bool inTime = false;
-    for (int i = 0; i < 5 && !inTime; ++i) {
+    // Nothing is lost before the timeout; a minute of it, since a busy machine stops processes for long, too.
+    startAndLock(2, {{"timeout", "60000"}});
+    for (int i = 0; i < 2; ++i) {
         const auto before = marks();
-        inTime = stopFor(slave(0).process(), milliseconds(1000), milliseconds(1500));
-        if (inTime) {
-            EXPECT_TRUE(awaitAllLockedStill(before));
-        } else {
-            EXPECT_TRUE(await([&] { return slave(0).lockedAnew(master()); }));
-        }
+        stopFor(slave(0).process(), milliseconds(1000));
+        EXPECT_TRUE(awaitAllLockedStill(before));
     }
-    if (!inTime) {
-        GTEST_SKIP() << "the machine is too busy to stop a process for one second";
-    }
+    EXPECT_EQ(slave(0).count("sessions"), 1);
     EXPECT_EQ(slave(1).count("sessions"), 1);
     expectCleanTraffic();
     expectCleanEnd();
@@ -80,7 +72,7 @@ TEST_F(Survival, ASlaveStoppedForASecondKeepsItsConnectionAndLosesNothing) {
 TEST_F(Survival, ASlaveStoppedForFourSecondsComesBackByItself) {
     startAndLock(2);
     const auto before = marks();
-    stopFor(slave(0).process(), milliseconds(4000), milliseconds(3600 * 1000));
+    stopFor(slave(0).process(), milliseconds(4000));
     EXPECT_TRUE(await([&] { return slave(0).lockedAnew(master(), before[0]); }));
     EXPECT_TRUE(awaitSlaves(2));
     EXPECT_TRUE(await([&] { return slave(1).lockedStill(master(), before[1]); }));
@@ -91,7 +83,7 @@ TEST_F(Survival, ASlaveStoppedForFourSecondsComesBackByItself) {
 TEST_F(Survival, AStoppedMasterIsFoundAgain) {
     startAndLock(2);
     const auto before = marks();
-    stopFor(master(), milliseconds(4000), milliseconds(3600 * 1000));
+    stopFor(master(), milliseconds(4000));
     EXPECT_TRUE(awaitAllLockedAnew(before));
     EXPECT_TRUE(awaitSlaves(2));
     expectCleanTraffic();

@@ -34,10 +34,14 @@ public:
           dataPorts_(ports(console.argument("data", ""))),
           lead_(static_cast<int>(console.number("lead", 3))),
           spin_(console.number("spin", 0) != 0),
-          payload_(static_cast<int>(console.number("payload", 200))) {}
+          payload_(static_cast<int>(console.number("payload", 200))),
+          timeout_(static_cast<unsigned int>(console.number("timeout", 2000))) {}
 
     void open() {
         const bool opened = init(broadcast_.c_str(), announcePorts_, bindPorts_, dataPorts_);
+        if (opened) {
+            server->getNet()->setTimeoutTime(timeout_);
+        }
         Console::report(ReportLine("init").add("result", static_cast<long long>(opened)));
     }
 
@@ -133,6 +137,7 @@ private:
     int lead_;
     bool spin_;
     int payload_;
+    unsigned int timeout_; // milliseconds
     int once_ = -1;
     long long number_ = 0;
     std::vector<std::uint8_t> bytes_;

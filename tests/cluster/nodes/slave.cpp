@@ -24,7 +24,8 @@ public:
           port_(static_cast<int>(console.number("port", 0))),
           name_(console.argument("name", "slave")),
           spin_(console.number("spin", 0) != 0),
-          phase_(console.number("phase", 0)) {
+          phase_(console.number("phase", 0)),
+          timeout_(static_cast<unsigned int>(console.number("timeout", 2000))) {
         std::istringstream words(console.argument("cameras", "left,right"));
         for (std::string word; std::getline(words, word, ',');) {
             cameras_.push_back(kor::jString(word));
@@ -39,6 +40,10 @@ public:
 
     /// Draws and presents one picture.
     void step() {
+        if (kor::RTNet* net = getClient() ? getClient()->getNet() : nullptr;
+            net && net->getTimeoutTime() != timeout_) {
+            net->setTimeoutTime(timeout_);
+        }
         swapBegin(true);
         const double interval = getFrameInterval();
         const double now = kor::jTimer::getTimeSecond();
@@ -160,6 +165,7 @@ private:
     kor::jVector<kor::jString> cameras_;
     bool spin_;
     double phase_;
+    unsigned int timeout_; // milliseconds
 
     bool chosen_ = false;
     bool lerpBefore_ = false;
