@@ -118,7 +118,7 @@ private:
         std::unique_ptr<Connection> connection;
         Nanoseconds wake = kNever;
         std::size_t wakeIndex = 0;
-        std::uint64_t measuredAt = 0; ///< newest `measured` event of this connection
+        std::uint64_t measuredAt = 0;          ///< newest `measured` event of this connection
         std::uint64_t measuredIn = UINT64_MAX; ///< the queue that it went into
     };
     /// What tells a late copy of the handshake that made a connection from a new one.
