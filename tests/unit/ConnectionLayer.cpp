@@ -278,6 +278,35 @@ TEST(ConnectionLayerAlone, ReportsFailedAttempts) {
     ASSERT_TRUE(a.recorder.awaitEvents({"failed", "failed"}));
 }
 
+TEST(ConnectionLayerAlone, RefusesMoreThanTheQueueHoldsForAPeerThatTakesNothing) {
+    std::atomic<bool> leave{false};
+    Side b;
+    b.recorder.packetHook = [&](RTUser*, Packet*) {
+        while (!leave)
+            std::this_thread::yield();
+    };
+    Side a;
+    NetOptions options;
+    options.maxQueuedBytes = 1 << 20;
+    a.net.setOptions(options);
+    ASSERT_TRUE(a.open());
+    ASSERT_TRUE(b.open());
+    a.net.connect(jString("127.0.0.1"), b.port(), 1000, 30);
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect"}));
+    const std::string packet = text(64 << 10, 1);
+    const auto send = [&] {
+        return a.recorder.user->sendAsyn(packet.data(), static_cast<int>(packet.size()));
+    };
+    for (int i = 0; i != 16; ++i)
+        EXPECT_NE(send(), RTUser::kRefused) << i;
+    for (int i = 0; i != 1000; ++i)
+        EXPECT_EQ(send(), RTUser::kRefused);
+    leave = true;
+    EXPECT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 16; }));
+    EXPECT_NE(send(), RTUser::kRefused);
+    EXPECT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 17; }));
+}
+
 TEST(ConnectionLayerAlone, OpensAndReleasesAgainAndRefusesATakenPort) {
     Side a;
     ASSERT_TRUE(a.open());
