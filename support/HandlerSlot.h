@@ -14,13 +14,16 @@ class HandlerSlot {
 public:
     constexpr HandlerSlot() = default;
 
-    /// An empty handler leaves the slot empty.
-    void set(Handler handler) {
+    /// An empty handler leaves the slot empty. Returns the one that was there, empty when there was none.
+    Handler exchange(Handler handler) {
         std::shared_ptr<Handler> next = handler ? std::make_shared<Handler>(std::move(handler)) : nullptr;
-        const std::lock_guard guard(mutex_);
-        present_.store(next != nullptr, std::memory_order_relaxed);
-        // The old one is destroyed after the lock is gone: its destructor is the application's code.
-        current_.swap(next);
+        {
+            const std::lock_guard guard(mutex_);
+            present_.store(next != nullptr, std::memory_order_relaxed);
+            current_.swap(next);
+        }
+        // Copied and destroyed with the lock gone: that is the application's code.
+        return next ? *next : Handler();
     }
 
     /// Null when the slot is empty, at the cost of one atomic load.

@@ -106,8 +106,8 @@ void jLog::error(const char* format, ...) {
     va_end(arguments);
 }
 
-void jLog::setHandler(Handler handler) {
-    slot.value.set(std::move(handler));
+jLog::Handler jLog::setHandler(Handler handler) {
+    return slot.value.exchange(std::move(handler));
 }
 
 } // namespace kor

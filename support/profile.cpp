@@ -12,8 +12,8 @@ constinit detail::Immortal<detail::HandlerSlot<ProfileHandler>> slot;
 
 } // namespace
 
-void setProfileHandler(ProfileHandler handler) {
-    slot.value.set(std::move(handler));
+ProfileHandler setProfileHandler(ProfileHandler handler) {
+    return slot.value.exchange(std::move(handler));
 }
 
 void profileName(float value, const jString& label, const vec4& colour) {

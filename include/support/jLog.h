@@ -32,7 +32,10 @@ public:
     /// been replaced. It may log and may replace the handler: lines logged while it runs on the same thread
     /// go to standard error. A line at which it throws goes there too. The library may hold its locks while
     /// it logs: a handler must not call endpoints or logic objects, and gets the text as it is.
-    static void setHandler(Handler handler);
+    ///
+    /// Returns the handler that was set before, empty if there was none, so that the new one can pass lines
+    /// on.
+    static Handler setHandler(Handler handler);
 };
 
 } // namespace kor

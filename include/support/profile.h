@@ -22,7 +22,9 @@ using ProfileHandler = std::function<void(const char* label, float value, const 
 ///
 /// It is called on whichever thread reports a value, possibly on two at once, and for a short while after it
 /// has been replaced. It may itself replace the handler. An exception that it throws is dropped.
-KOR_API void setProfileHandler(ProfileHandler handler);
+///
+/// Returns the receiver that was set before, empty if there was none, so that the new one can pass values on.
+KOR_API ProfileHandler setProfileHandler(ProfileHandler handler);
 
 /// Hands one named value to the profiler. Costs one atomic load while there is no handler.
 KOR_API void profileName(float value, const jString& label, const vec4& colour);
