@@ -1,5 +1,6 @@
-# What `cmake --install` puts where: the headers, the library, the CMake package `kor` and the pkg-config file `kor`.
-
+# What `cmake --install` puts where: the headers, the libraries, the CMake package `kor` and the pkg-config
+# files `kor` and `kor-trace`.
+#
 # Components: `library` is what programs need to run, `development` what it takes to build them.
 
 include(CMakePackageConfigHelpers)
@@ -8,7 +9,7 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 set(KOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kor)
 
-install(TARGETS kor EXPORT korTargets
+install(TARGETS kor kor-trace EXPORT korTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -29,8 +30,10 @@ else()
   string(REGEX REPLACE "/$" "" KOR_PC_UP ${KOR_PC_UP})
   set(KOR_PC_PREFIX "\${pcfiledir}/${KOR_PC_UP}")
 endif()
-configure_file(cmake/kor.pc.in ${PROJECT_BINARY_DIR}/kor.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/kor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(package kor kor-trace)
+  configure_file(cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
 # Whatever the folders of programs install.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)

@@ -28,7 +28,7 @@ else()
   if(STATIC)
     set(static --static)
   endif()
-  execute_process(COMMAND pkg-config --cflags --libs ${static} kor OUTPUT_VARIABLE flags COMMAND_ERROR_IS_FATAL ANY)
+  execute_process(COMMAND pkg-config --cflags --libs ${static} kor-trace OUTPUT_VARIABLE flags COMMAND_ERROR_IS_FATAL ANY)
   separate_arguments(flags UNIX_COMMAND ${flags})
   run(${CXX} -std=c++20 ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${flags} -Wl,-rpath,${libraryFolder}
     -o ${SCRATCH}/consumer)

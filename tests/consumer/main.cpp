@@ -1,4 +1,5 @@
 #include <kor/kor.h>
+#include <kor/trace.h>
 
 #include <cstdio>
 
@@ -43,10 +44,23 @@ bool slaveStartsWithoutMaster() {
     return !slave.isInit() && slave.getNumCache() == 0 && slave.getFrameID() == -1.0;
 }
 
+bool framesAreRecorded() {
+    kor::Trace trace;
+    kor::TracedMaster<Master> master(trace);
+    kor::TracedSlave<Slave> slave(trace);
+    if (!trace.begin({.process = "consumer"})) {
+        return false;
+    }
+    master.swap();
+    slave.wait(0);
+    return trace.counts().recorded >= 2 && trace.write("/dev/null");
+}
+
 } // namespace
 
 int main() {
-    if (!recordsSurviveTheBuffer() || !masterPacesFrames() || !slaveStartsWithoutMaster()) {
+    if (!recordsSurviveTheBuffer() || !masterPacesFrames() || !slaveStartsWithoutMaster() ||
+        !framesAreRecorded()) {
         std::puts("consumer: failed");
         return 1;
     }

@@ -120,7 +120,7 @@ def check_cmake(root, scratch, compiler):
 
 def check_pkg_config(root, scratch, compiler):
     environment = {**os.environ, "PKG_CONFIG_LIBDIR": str(root.find("kor.pc").parent)}
-    flags = run("pkg-config", "--cflags", "--libs", "kor", env=environment).split()
+    flags = run("pkg-config", "--cflags", "--libs", "kor-trace", env=environment).split()
     examples = root.folder / "usr/share/doc/kor-doc/examples/minimal"
     for source in (SOURCE / "tests/consumer/main.cpp", examples / "master.cpp", examples / "slave.cpp"):
         run(compiler, "-std=c++20", source, *flags, "-o", scratch / source.stem)

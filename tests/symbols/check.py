@@ -44,6 +44,7 @@ def main():
     parser.add_argument("--list", type=Path, required=True, help="the list that is kept")
     parser.add_argument("--include", type=Path, required=True, help="folder of the public headers")
     parser.add_argument("--header", required=True, help="header that includes the public ones")
+    parser.add_argument("--without", type=Path, help="a list whose lines belong to another library")
     parser.add_argument("--compiler", default="c++")
     parser.add_argument("--update", action="store_true", help="write the list anew")
     arguments = parser.parse_args()
@@ -53,6 +54,9 @@ def main():
     if not arguments.library.is_file():
         parser.error(f"{arguments.library} is not there; build it first")
     found = interface(arguments.library, arguments.compiler, arguments.include, arguments.header)
+    if arguments.without:
+        others = set(read_list(arguments.without))
+        found = [line for line in found if line not in others]
     kept = read_list(arguments.list)
     if arguments.update:
         report(kept, found)

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <kor/KorLogicServer.h>
+#include <kor/trace/Trace.h>
+#include <support/jTimer.h>
+
+#include <concepts>
+#include <utility>
+
+namespace kor {
+
+/// An application's master whose frames are recorded: `TracedMaster<MyMaster>` in place of `MyMaster`.
+///
+/// Records every `swap`, `wait` and `update` and the connection events. It does not see what `update` sends:
+/// the application calls `Trace::frameSent` for that. The overrides of `Base` must be accessible to a derived
+/// class. Threads are those of `KorLogicServer`. The trace must outlive it.
+template <std::derived_from<KorLogicServer> Base>
+class TracedMaster : public Base {
+public:
+    /// `arguments` go to the constructor of `Base`.
+    template <class... Arguments>
+    explicit TracedMaster(Trace& recorder, Arguments&&... arguments)
+        : Base(std::forward<Arguments>(arguments)...), trace_(recorder) {}
+
+    /// Releases, because connection events must not come any more.
+    ~TracedMaster() override { Base::release(); }
+
+    bool swap() override {
+        const TraceSpan span(trace_, "swap");
+        return Base::swap();
+    }
+
+    int wait(double timeout) override {
+        const TraceSpan span(trace_, "wait");
+        return Base::wait(timeout);
+    }
+
+    void update() override {
+        const int frame = Base::getFrameID();
+        const double begin = jTimer::getTimeSecond();
+        Base::update();
+        trace_.updated(frame, begin, jTimer::getTimeSecond());
+    }
+
+protected:
+    void onConnect(const RTAddr& addr, bool established) override {
+        note(established ? "slave connected" : "slave could not be connected", addr);
+        Base::onConnect(addr, established);
+    }
+    void onReConnect(const RTAddr& addr) override {
+        note("slave connects anew", addr);
+        Base::onReConnect(addr);
+    }
+    void onDisConnect(const RTAddr& addr) override {
+        note("slave disconnected", addr);
+        Base::onDisConnect(addr);
+    }
+    void onConnectLost(const RTAddr& addr) override {
+        note("slave lost", addr);
+        Base::onConnectLost(addr);
+    }
+
+private:
+    void note(const char* event, const RTAddr& addr) {
+        trace_.nameThread("network");
+        trace_.connection(event, addr.formatString().c_str());
+    }
+
+    Trace& trace_;
+};
+
+} // namespace kor
