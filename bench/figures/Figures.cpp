@@ -22,6 +22,7 @@ std::span<const Figure> figures() {
                measureWireBytes},
         Figure{"clock", "error of the estimated clock of a peer that drifts by 30 ppm", measureClock},
         Figure{"tracking", "memAddInfo and memRemoveInfo of one block", measureTracking},
+        Figure{"trace", "an event of a recording, clock readings included", measureTrace},
     };
     return kFigures;
 }

@@ -26,5 +26,6 @@ void measureRepair(Table& table);
 void measureWireBytes(Table& table);
 void measureClock(Table& table);
 void measureTracking(Table& table);
+void measureTrace(Table& table);
 
 } // namespace kor::bench
