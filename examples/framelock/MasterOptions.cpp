@@ -44,6 +44,8 @@ void describe(CLI::App& app, MasterOptions& options) {
         ->check(numberIn(0.0, 1e9))
         ->capture_default_str();
     app.add_option("--report", options.report, "write JSON lines about every frame to this file");
+    app.add_option("--trace", options.trace,
+                   "record what happens to every frame and write it to this file at the end");
     app.add_flag("--verbose", options.verbose, "show the library's messages, not only warnings and errors");
     app.add_flag("--quiet", options.quiet, "print no status");
 }

@@ -14,6 +14,7 @@ struct MasterOptions {
     int payload = 0;
     double seconds = 0;
     std::string report;
+    std::string trace;
     bool verbose = false;
     bool quiet = false;
 };

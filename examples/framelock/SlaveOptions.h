@@ -16,6 +16,7 @@ struct SlaveOptions {
     double drawMs = 3;
     double seconds = 0;
     std::string report;
+    std::string trace;
     bool verbose = false;
     bool quiet = false;
 };

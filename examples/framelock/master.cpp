@@ -6,6 +6,7 @@
 #include "SceneRecords.h"
 
 #include <kor/kor.h>
+#include <kor/trace.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,7 +24,8 @@ kor::jVector<unsigned short> toVector(const std::vector<unsigned short>& ports) 
 
 class Master : public kor::KorLogicServer {
 public:
-    Master(const MasterOptions& options, Report& report) : options_(options), report_(report) {
+    Master(const MasterOptions& options, Report& report, kor::Trace& trace)
+        : options_(options), report_(report), trace_(trace) {
         setFrameInterval(1 / options.rate);
         animate(scene_, 0);
         bytes_.resize(static_cast<std::size_t>(frameSize(scene_, options.payload)), 0x5A);
@@ -42,7 +44,10 @@ public:
         animate(scene_, frame * getFrameInterval());
         kor::BufferWriter writer(bytes_.data(), static_cast<int>(bytes_.size()));
         if (writeFrame(writer, frame, scene_, options_.payload)) {
-            server->send(writer.getData(), writer.tell());
+            const double sending = kor::jTimer::getTimeSecond();
+            if (server->send(writer.getData(), writer.tell())) {
+                trace_.frameSent(frame, writer.tell(), sending, kor::jTimer::getTimeSecond());
+            }
         }
         report_.add(
             {{"type", "update"}, {"frame", getFrameID()}, {"boundary", getFrameTime()}, {"time", begun}});
@@ -122,6 +127,7 @@ private:
 
     const MasterOptions& options_;
     Report& report_;
+    kor::Trace& trace_;
     Scene scene_;
     std::vector<unsigned char> bytes_;
     long long swaps_ = 0;
@@ -142,7 +148,11 @@ int main(int argc, char** argv) {
         return kExitFailed;
     }
 
-    Master master(options, report);
+    kor::Trace trace;
+    kor::TracedMaster<Master> master(trace, options, report, trace);
+    if (!options.trace.empty() && !trace.begin({.process = "master"})) {
+        return kExitFailed;
+    }
     if (!master.open()) {
         return kExitUsage;
     }
@@ -170,6 +180,8 @@ int main(int argc, char** argv) {
         }
     }
     master.release();
+    trace.end();
     master.reportEnd();
-    return report.flush() && reported ? kExitDone : kExitFailed;
+    const bool traced = options.trace.empty() || trace.write(options.trace);
+    return report.flush() && reported && traced ? kExitDone : kExitFailed;
 }

@@ -8,6 +8,7 @@
 #include "SlaveOptions.h"
 
 #include <kor/kor.h>
+#include <kor/trace.h>
 
 #include <cstdio>
 #include <string>
@@ -191,7 +192,11 @@ int main(int argc, char** argv) {
         return kExitFailed;
     }
 
-    Slave slave(options, report);
+    kor::Trace trace;
+    kor::TracedSlave<Slave> slave(trace, options, report);
+    if (!options.trace.empty() && !trace.begin({.process = options.name})) {
+        return kExitFailed;
+    }
     if (!slave.open()) {
         std::fprintf(stderr, "kor-slave: cannot start, see above\n");
         return kExitPortsInUse;
@@ -204,7 +209,10 @@ int main(int argc, char** argv) {
     long long missed = 0;
     bool reported = true;
     while (!stopRequested() && reported) {
-        Display::draw(options.drawMs / 1000);
+        {
+            const kor::TraceSpan span(trace, "draw");
+            Display::draw(options.drawMs / 1000);
+        }
         slave.swapBegin(true);
         missed += display.waitForRefresh();
         slave.swapEnd(true);
@@ -219,6 +227,8 @@ int main(int argc, char** argv) {
         }
     }
     slave.getClient()->release();
+    trace.end();
     slave.reportEnd(missed);
-    return report.flush() && reported ? kExitDone : kExitFailed;
+    const bool traced = options.trace.empty() || trace.write(options.trace);
+    return report.flush() && reported && traced ? kExitDone : kExitFailed;
 }

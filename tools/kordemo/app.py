@@ -6,7 +6,10 @@ import argparse
 import json
 import signal
 import sys
+import tempfile
 import time
+from contextlib import ExitStack
+from pathlib import Path
 from types import FrameType
 
 from rich.console import Console
@@ -14,6 +17,7 @@ from rich.console import Console
 from .cluster import ENDING_SIGNALS, Cluster, ClusterError, Plan, PortsTaken
 from .screen import Screen, print_summary
 from .summary import SlaveFigures, figures, summarize
+from .trace import merge
 
 REFRESH_SECONDS = 0.1
 START_ATTEMPTS = 5
@@ -102,12 +106,22 @@ def run(arguments: argparse.Namespace) -> int:
         signal.signal(name, interrupt)
     if arguments.wall:
         return run_guarded_wall(arguments)
+    with ExitStack() as stack:
+        traces = None
+        if arguments.trace:
+            traces = Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="kor-demo-")))
+        return run_recorded(arguments, traces)
+
+
+def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
+    """The same, with a folder for what the processes record."""
     plan = Plan(
         programs=arguments.build / "examples",
         slaves=arguments.slaves,
         lead=arguments.lead,
         rate=arguments.rate,
         payload=arguments.payload,
+        traces=traces,
     )
     console = Console()
     try:
@@ -129,6 +143,9 @@ def run(arguments: argparse.Namespace) -> int:
             print(f"demo: cannot write {arguments.json}: {error.strerror}", file=sys.stderr)
             return EXIT_FAILED
     faults = complaints(cluster, slaves)
+    if traces:
+        names = (process.name for process in cluster.processes)
+        faults += merge(arguments.build / "tools" / "kor-trace-merge", traces, names, arguments.trace)
     for fault in faults:
         print(f"demo: {fault}", file=sys.stderr)
     return EXIT_FAILED if faults else EXIT_LOCKED

@@ -43,6 +43,7 @@ class Plan:
     payload: int
     refresh: float = 60.0
     margin: float = 0.009  # seconds before a refresh up to which a slave shows the scene
+    traces: Path | None = None  # folder for what each process records
 
     def least_lead(self) -> int:
         """Frames that data must be sent ahead to be there in time wherever in a frame a refresh falls.
@@ -163,6 +164,8 @@ class Cluster:
         program = self.plan.programs / command[0]
         if not program.is_file():
             raise ClusterError(f"{program} is not there; build it first (script/demo does)")
+        if self.plan.traces:
+            command = [*command, "--trace", str(self.plan.traces / f"{name}.json")]
         log = tempfile.TemporaryFile()
         # The process writes to a pipe, so that it notices when this program is gone, however that went.
         reading, writing = os.pipe()

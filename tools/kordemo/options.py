@@ -57,6 +57,9 @@ def parse_arguments() -> argparse.Namespace:
     )
     parser.add_argument("--json", metavar="FILE", type=Path, help="write the figures to this file")
     parser.add_argument(
+        "--trace", metavar="FILE", type=Path, help="write where every frame went, for https://ui.perfetto.dev"
+    )
+    parser.add_argument(
         "--grace",
         metavar="S",
         type=between(0, 3600, float),
@@ -72,8 +75,10 @@ def parse_arguments() -> argparse.Namespace:
         help="build folder (build)",
     )
     arguments = parser.parse_args()
-    if arguments.json and not writable(arguments.json):
-        parser.error(f"argument --json: cannot write {arguments.json}")
+    for option in ("json", "trace"):
+        file = getattr(arguments, option)
+        if file and not writable(file):
+            parser.error(f"argument --{option}: cannot write {file}")
     if arguments.seconds is None and not arguments.wall:
         arguments.seconds = 10.0
     if arguments.lead is None:
