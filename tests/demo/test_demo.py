@@ -8,6 +8,7 @@ import json
 import os
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -83,7 +84,7 @@ class Run(unittest.TestCase):
         results = ["lerp", "hit", "over_hit", "none"]
         self.assertEqual(
             list(slave),
-            ["name", "cameras", "lock_seconds", "waits", *results, "offset_error_us", "position_error_us"],
+            ["name", "cameras", "lock_seconds", "waits", *results, "offset_error_us", "position_error_us", "series"],
         )
         self.assertTrue(slave["cameras"])
         self.assertGreater(slave["lock_seconds"], 0)
@@ -91,6 +92,27 @@ class Run(unittest.TestCase):
         self.assertEqual(slave["waits"], sum(slave[result] for result in results))
         self.assert_percentiles(slave["offset_error_us"])
         self.assert_percentiles(slave["position_error_us"])
+        self.assert_series(slave)
+
+    def assert_series(self, slave):
+        series = slave["series"]
+        self.assertEqual(
+            list(series),
+            ["waits_per_point", "time_s", "position_error_us", "clock_error_us", "clock_bound_us", "results"],
+        )
+        points = len(series["time_s"])
+        self.assertEqual(series["time_s"], sorted(series["time_s"]))
+        for key in ("position_error_us", "clock_error_us", "clock_bound_us"):
+            self.assertEqual(len(series[key]), points)
+        self.assertEqual(list(series["results"]), ["lerp", "hit", "over_hit", "none"])
+        per_point = [sum(counts) for counts in zip(*series["results"].values())]
+        self.assertEqual(len(per_point), points)
+        self.assertEqual(set(per_point[:-1]) - {series["waits_per_point"]}, set())
+        # The figures begin with the lock, the series with the first wait.
+        self.assertGreaterEqual(sum(per_point), slave["waits"])
+        known = [abs(value) for value in series["position_error_us"] if value is not None]
+        worst = slave["position_error_us"]["max"]
+        self.assertTrue([value for value in known if abs(value - worst) < 0.01], worst)
 
     def demo(self, *arguments):
         with tempfile.TemporaryDirectory() as folder:
@@ -136,6 +158,91 @@ class SlowStart(unittest.TestCase):
             self.assertEqual(process.returncode, 1)
             self.assertIn("slave-1", errors)
             self.assertNotIn("Traceback", errors)
+
+
+class Proof(unittest.TestCase):
+    """What the demo writes beside its figures: where every frame went, and pictures."""
+
+    @classmethod
+    def setUpClass(cls):
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.folder = Path(scratch.name)
+        files = ["--json", cls.folder / "figures.json", "--trace", cls.folder / "trace.json"]
+        files += ["--plot", cls.folder / "new" / "plots"]
+        demo = start("--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2, *files)
+        output, errors = finish(demo)
+        if demo.returncode != 0:
+            raise AssertionError(output + errors)
+        cls.figures = json.loads((cls.folder / "figures.json").read_text())
+        cls.trace = json.loads((cls.folder / "trace.json").read_text())
+        cls.events = cls.trace["traceEvents"]
+        cls.processes = {e["pid"]: e["args"]["name"] for e in cls.events if e["name"] == "process_name"}
+
+    def test_pictures(self):
+        pictures = sorted((self.folder / "new" / "plots").iterdir())
+        self.assertEqual([p.name for p in pictures], ["clock-error.png", "position-error.png", "waits.png"])
+        for picture in pictures:
+            content = picture.read_bytes()
+            self.assertEqual(content[:8], b"\x89PNG\r\n\x1a\n")
+            self.assertTrue(content.endswith(b"IEND\xaeB`\x82"))
+            width, height = struct.unpack(">II", content[16:24])
+            self.assertEqual((width, height), (1200, 50 + 2 * 220))
+
+    def spans(self, process, prefix=""):
+        return [
+            event
+            for event in self.events
+            if event["ph"] == "X"
+            and self.processes[event["pid"]] == process
+            and event["name"].startswith(prefix)
+        ]
+
+    def test_every_process_is_there_once(self):
+        self.assertEqual(self.processes, {1: "master", 2: "slave-1", 3: "slave-2"})
+
+    def test_events_are_in_order_and_slices_lie_within_each_other_or_apart(self):
+        times = [event["ts"] for event in self.events if event["ph"] != "M"]
+        self.assertEqual(times, sorted(times))
+        self.assertGreaterEqual(times[0], 0)
+        open_ends = {}
+        for event in self.events:
+            if event["ph"] == "X":
+                ends = open_ends.setdefault((event["pid"], event["tid"]), [])
+                while ends and ends[-1] <= event["ts"]:
+                    ends.pop()
+                end = event["ts"] + event["dur"]
+                if ends:
+                    self.assertLessEqual(end, ends[-1] + 0.002, event)
+                ends.append(end)
+
+    def test_waits_are_those_of_the_figures(self):
+        for slave in self.figures["slaves"]:
+            waits = self.spans(slave["name"], "wait ")
+            blends = [e["ts"] for e in self.spans(slave["name"], "block applied") if e["args"]["weight"] < 1]
+            locked = [e for e in waits if e["ts"] + e["dur"] >= blends[0]]
+            for result in ("lerp", "hit", "over_hit", "none"):
+                count = sum(event["args"]["result"] == result for event in locked)
+                self.assertEqual(count, slave[result], (slave["name"], result))
+
+    def test_a_frame_is_sent_arrives_and_is_shown_in_this_order(self):
+        sent = {event["args"]["frame"]: event["ts"] for event in self.spans("master", "frame sent")}
+        for slave in ("slave-1", "slave-2"):
+            arrived = {event["args"]["frame"]: event for event in self.spans(slave, "block arrived")}
+            self.assertGreater(len(arrived), 20)
+            slack = max(e["args"]["value"] for e in self.events if e["name"] == "clock bound us") + 1
+            for frame, event in arrived.items():
+                self.assertLess(sent[frame], event["ts"] + event["dur"] + slack)
+            for event in self.spans(slave, "block applied"):
+                self.assertLess(arrived[event["args"]["frame"]]["ts"], event["ts"])
+
+    def test_arrows_begin_and_end(self):
+        arrows = {}
+        for event in self.events:
+            if event["ph"] in "stf":
+                arrows.setdefault(event["id"], []).append(event["ph"])
+        self.assertGreater(len(arrows), 40)
+        self.assertEqual({"".join(phases) for phases in arrows.values()} - {"stf", "sf"}, set())
 
 
 class End(unittest.TestCase):
@@ -200,6 +307,8 @@ class Arguments(unittest.TestCase):
             ["--rate", "0"],
             ["--payload", "1000000000000"],
             ["--json", "/nowhere/figures.json"],
+            ["--trace", "/nowhere/trace.json"],
+            ["--plot", "/dev/null/plots"],
             ["--unknown"],
         ):
             with self.subTest(arguments=arguments):
@@ -208,6 +317,13 @@ class Arguments(unittest.TestCase):
                 self.assertEqual(process.returncode, 2, errors)
                 self.assertIn(arguments[0], errors)
                 self.assertNotIn("Traceback", errors)
+
+    def test_plots_need_gnuplot(self):
+        with tempfile.TemporaryDirectory() as empty:
+            process = start("--plot", empty, env={**os.environ, "PATH": empty})
+            _, errors = finish(process)
+            self.assertEqual(process.returncode, 2)
+            self.assertIn("gnuplot is not installed", errors)
 
     def test_programs_explain_themselves(self):
         for program in ("kor-master", "kor-slave"):

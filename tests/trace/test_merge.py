@@ -67,14 +67,15 @@ class Merge(unittest.TestCase):
         master = trace("master", "1", [*MASTER["traceEvents"], lost], role="master")
         slave = trace("slave", "2", [*SLAVE["traceEvents"], again, unknown])
         other = trace("other", "3", [span("block arrived", 160, 2, frame=7)])
-        merged, _ = self.merge(master, slave, other)
+        early = trace("too early", "4", [span("block arrived", 90, 2, frame=7)])
+        merged, _ = self.merge(master, slave, other, early)
         flows = {}
         for event in merged["traceEvents"]:
             if event["ph"] in "stf":
                 flows.setdefault(event["id"], []).append((event["ph"], event["pid"], event["ts"]))
         self.assertEqual(sorted(flows.values()), [
-            [("s", 1, 105), ("f", 2, 161)],
-            [("s", 1, 105), ("t", 3, 151), ("f", 3, 170.5)],
+            [("s", 1, 100), ("f", 2, 161)],
+            [("s", 1, 100), ("t", 3, 151), ("f", 3, 170.5)],
         ])
 
     def test_time_before_the_master_began_moves_everything(self):

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import re
 import signal
 import sys
 import tempfile
@@ -11,10 +12,12 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 from types import FrameType
+from typing import Any
 
 from rich.console import Console
 
 from .cluster import ENDING_SIGNALS, Cluster, ClusterError, Plan, PortsTaken
+from .plots import plot
 from .screen import Screen, print_summary
 from .summary import SlaveFigures, figures, summarize
 from .trace import merge
@@ -100,17 +103,27 @@ def run_guarded_wall(arguments: argparse.Namespace) -> int:
         return EXIT_INTERRUPTED
 
 
+def formatted(summary: dict[str, Any]) -> str:
+    """As JSON, with the series in a line each."""
+    text = json.dumps(summary, indent=2)
+    return re.sub(r"\[[-\d.e,\snul]*\]", lambda numbers: re.sub(r"\s+", " ", numbers[0]), text) + "\n"
+
+
 def run(arguments: argparse.Namespace) -> int:
     """Runs the demo; returns its exit status."""
     for name in ENDING_SIGNALS:
         signal.signal(name, interrupt)
     if arguments.wall:
         return run_guarded_wall(arguments)
-    with ExitStack() as stack:
-        traces = None
-        if arguments.trace:
-            traces = Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="kor-demo-")))
-        return run_recorded(arguments, traces)
+    try:
+        with ExitStack() as stack:
+            traces = None
+            if arguments.trace:
+                traces = Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="kor-demo-")))
+            return run_recorded(arguments, traces)
+    except Interrupted as reason:
+        print(f"demo: ended by {reason}", file=sys.stderr)
+        return EXIT_INTERRUPTED
 
 
 def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
@@ -129,16 +142,13 @@ def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
     except ClusterError as error:
         print(f"demo: {error}", file=sys.stderr)
         return EXIT_FAILED
-    except Interrupted as reason:
-        print(f"demo: ended by {reason}", file=sys.stderr)
-        return EXIT_INTERRUPTED
 
     slaves = list(figures(cluster))
     summary = summarize(cluster, slaves, seconds)
     print_summary(console, summary)
     if arguments.json:
         try:
-            arguments.json.write_text(json.dumps(summary, indent=2) + "\n")
+            arguments.json.write_text(formatted(summary))
         except OSError as error:
             print(f"demo: cannot write {arguments.json}: {error.strerror}", file=sys.stderr)
             return EXIT_FAILED
@@ -146,6 +156,8 @@ def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
     if traces:
         names = (process.name for process in cluster.processes)
         faults += merge(arguments.build / "tools" / "kor-trace-merge", traces, names, arguments.trace)
+    if arguments.plot:
+        faults += plot(summary, arguments.plot)
     for fault in faults:
         print(f"demo: {fault}", file=sys.stderr)
     return EXIT_FAILED if faults else EXIT_LOCKED

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import shutil
 from pathlib import Path
 from typing import Callable
 
@@ -60,6 +61,9 @@ def parse_arguments() -> argparse.Namespace:
         "--trace", metavar="FILE", type=Path, help="write where every frame went, for https://ui.perfetto.dev"
     )
     parser.add_argument(
+        "--plot", metavar="DIR", type=Path, help="draw errors and results of waits over time into this folder"
+    )
+    parser.add_argument(
         "--grace",
         metavar="S",
         type=between(0, 3600, float),
@@ -83,6 +87,17 @@ def parse_arguments() -> argparse.Namespace:
         arguments.seconds = 10.0
     if arguments.lead is None:
         arguments.lead = 6 if arguments.wall else 2
+    if arguments.wall and (arguments.trace or arguments.plot):
+        parser.error("argument --wall: not together with --trace or --plot")
+    if arguments.plot:
+        if not shutil.which("gnuplot"):
+            parser.error("argument --plot: gnuplot is not installed; script/setup does it")
+        try:
+            arguments.plot.mkdir(parents=True, exist_ok=True)
+        except OSError as error:
+            parser.error(f"argument --plot: cannot make {arguments.plot}: {error.strerror}")
+        if not os.access(arguments.plot, os.W_OK):
+            parser.error(f"argument --plot: cannot write into {arguments.plot}")
     return arguments
 
 

@@ -13,6 +13,8 @@ Per slave, from its first interpolated frame ("lock") on:
   position_error_us  |applied position - true position of the master's frame clock at the vertical sync that the
                      wait was for|, times the frame interval; of waits that applied a frame
 
+  series             the same over time, from the first wait on; see docs/demo.md
+
 Of the master:
 
   frames             calls of update
@@ -40,6 +42,8 @@ from .samples import RESULTS, MasterStream, SlaveStream
 
 NONE = RESULTS.index("none")
 NO_POSITION = -1.0
+# In each series; an hour of 60 Hz has 216,000 waits.
+MOST_POINTS = 1000
 # A wait of one slave is compared with one of another that lies at most this far away.
 PAIR_SECONDS = 0.02
 # The scene's own time is written as a double and blended as one.
@@ -55,6 +59,12 @@ def percentiles(values: Iterable[float], scale: float = 1.0) -> dict[str, float 
         return round(ordered[max(math.ceil(share * len(ordered)) - 1, 0)] * scale, 6)
 
     return {"p50": rank(0.50), "p99": rank(0.99), "max": rank(1.0)}
+
+
+def extreme(values: Iterable[float]) -> float | None:
+    """The value that is farthest from zero."""
+    largest = max(values, key=abs, default=None)
+    return None if largest is None else round(largest, 3)
 
 
 class SlaveFigures:
@@ -91,6 +101,39 @@ class SlaveFigures:
         known = (self.stream.offset[i] for i in range(self.begin, len(self.stream.offset)))
         return [abs(offset - self._true_offset) for offset in known if not math.isnan(offset)]
 
+    def series(self) -> dict[str, Any]:
+        """All waits over time, a few of them together to a point where there are many."""
+        count = len(self.stream.time)
+        step = max(math.ceil(count / MOST_POINTS), 1)
+        points = [range(first, min(first + step, count)) for first in range(0, count, step)]
+        results, offset, bound = self.stream.result, self.stream.offset, self.stream.bound
+
+        def placed(i: int) -> bool:
+            return results[i] != NONE and self.stream.position[i] != NO_POSITION
+
+        def clock_known(i: int) -> bool:
+            return not math.isnan(offset[i])
+
+        def seconds(i: int) -> float:
+            return round(self.stream.zero + self.stream.time[i] - self._master_started, 6)
+
+        to_us = 1e6 * self.interval
+        return {
+            "waits_per_point": step,
+            "time_s": [seconds(point[0]) for point in points],
+            "position_error_us": [
+                extreme(self.position_error(i) * to_us for i in point if placed(i)) for point in points
+            ],
+            "clock_error_us": [
+                extreme((offset[i] - self._true_offset) * 1e6 for i in point if clock_known(i)) for point in points
+            ],
+            "clock_bound_us": [extreme(bound[i] * 1e6 for i in point if clock_known(i)) for point in points],
+            "results": {
+                name: [results[point.start : point.stop].count(number) for point in points]
+                for number, name in enumerate(RESULTS)
+            },
+        }
+
     def wrong_scenes(self) -> int:
         """Interpolated waits after which the scene was not the one of the position."""
         return sum(
@@ -112,6 +155,7 @@ class SlaveFigures:
             **{name: results.count(i) for i, name in enumerate(RESULTS)},
             "offset_error_us": percentiles(self.offset_errors(), 1e6),
             "position_error_us": percentiles(errors, 1e6),
+            "series": self.series(),
         }
 
 

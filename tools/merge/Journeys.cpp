@@ -36,11 +36,14 @@ void keepFirst(const json*& place, const json& event) {
     }
 }
 
-json arrow(const char* phase, const json& at, const std::string& id) {
-    return {{"ph", phase},      {"bp", "e"}, // belongs to the slice that it lies in
-            {"id", id},         {"pid", at["pid"]},
-            {"tid", at["tid"]}, {"ts", at["ts"].get<double>() + at["dur"].get<double>() / 2},
-            {"cat", "journey"}, {"name", "frame"}};
+json arrow(const char* phase, const json& at, double time, const std::string& id) {
+    return {{"ph", phase}, {"bp", "e"}, // belongs to the slice that it lies in
+            {"id", id},    {"pid", at["pid"]}, {"tid", at["tid"]},
+            {"ts", time},  {"cat", "journey"}, {"name", "frame"}};
+}
+
+double middleOf(const json& slice) {
+    return slice["ts"].get<double>() + slice["dur"].get<double>() / 2;
 }
 
 } // namespace
@@ -71,11 +74,18 @@ std::vector<json> journeys(const std::vector<json>& events) {
             if (!sent || !stage.arrived) {
                 continue;
             }
+            const double start =
+                (*sent)["ts"].get<double>(); // it may arrive before all slaves have been sent to
+            const double arrival = middleOf(*stage.arrived);
+            if (arrival < start) {
+                continue; // the clock's error is larger than the way was long
+            }
             const std::string id = std::to_string(frame) + "/" + std::to_string(process);
-            result.push_back(arrow("s", *sent, id));
-            result.push_back(arrow(stage.applied ? "t" : "f", *stage.arrived, id));
-            if (stage.applied) {
-                result.push_back(arrow("f", *stage.applied, id));
+            result.push_back(arrow("s", *sent, start, id));
+            const bool shown = stage.applied && middleOf(*stage.applied) >= arrival;
+            result.push_back(arrow(shown ? "t" : "f", *stage.arrived, arrival, id));
+            if (shown) {
+                result.push_back(arrow("f", *stage.applied, middleOf(*stage.applied), id));
             }
         }
     }
