@@ -56,6 +56,7 @@ struct TraceCounts {
 /// the adapters that use it; its destructor ends the recording. No operation throws.
 class KOR_TRACE_API Trace {
 public:
+    /// Size of the buffer unless another is asked for.
     static constexpr std::size_t kDefaultBytes = std::size_t{16} << 20;
 
     /// `bytes` is the size of the buffer, at least 64 KiB. It is allocated by the first `begin`.
@@ -75,6 +76,7 @@ public:
     /// was recorded stays for `write`.
     void end();
 
+    /// True from a successful `begin` to `end`.
     bool isRecording() const { return active_.load(std::memory_order_relaxed) != nullptr; }
 
     /// Writes what the buffer holds to a file. Goes on recording; may be called again and again.
@@ -83,6 +85,7 @@ public:
     /// device or a pipe, into which is written directly. Needs about as much memory as the buffer meanwhile.
     bool write(const std::string& path);
 
+    /// What has been recorded since the last `begin`; all 0 before the first.
     TraceCounts counts() const;
 
     /// Names the calling thread in the trace. The thread of the first `begin` is called "application" and the

@@ -25,16 +25,19 @@ public:
     /// Releases, because connection events must not come any more.
     ~TracedMaster() override { Base::release(); }
 
+    /// That of `Base`, recorded as "swap".
     bool swap() override {
         const TraceSpan span(trace_, "swap");
         return Base::swap();
     }
 
+    /// That of `Base`, recorded as "wait". `timeout` in seconds.
     int wait(double timeout) override {
         const TraceSpan span(trace_, "wait");
         return Base::wait(timeout);
     }
 
+    /// That of `Base`, recorded as "update" with the frame id.
     void update() override {
         const int frame = Base::getFrameID();
         const double begin = jTimer::getTimeSecond();
@@ -43,18 +46,22 @@ public:
     }
 
 protected:
+    /// Notes the event, then calls that of `Base`. So do the next three.
     void onConnect(const RTAddr& addr, bool established) override {
         note(established ? "slave connected" : "slave could not be connected", addr);
         Base::onConnect(addr, established);
     }
+    /// See `onConnect`.
     void onReConnect(const RTAddr& addr) override {
         note("slave connects anew", addr);
         Base::onReConnect(addr);
     }
+    /// See `onConnect`.
     void onDisConnect(const RTAddr& addr) override {
         note("slave disconnected", addr);
         Base::onDisConnect(addr);
     }
+    /// See `onConnect`.
     void onConnectLost(const RTAddr& addr) override {
         note("slave lost", addr);
         Base::onConnectLost(addr);

@@ -61,6 +61,7 @@ private:
 template <std::derived_from<KorLogicClient> Base>
 class TracedSlave : public Base {
 public:
+    /// The results of `wait`.
     using WAIT_RESULT = KorLogicClient::WAIT_RESULT;
 
     /// `arguments` go to the constructor of `Base`.
@@ -75,11 +76,13 @@ public:
         }
     }
 
+    /// That of `Base`; "present" begins at its end.
     void swapBegin(bool check) override {
         Base::swapBegin(check);
         presentBegin_ = jTimer::getTimeSecond();
     }
 
+    /// That of `Base`, recorded as "swapEnd"; "present" ends at its start.
     void swapEnd(bool check) override {
         if (presentBegin_ >= 0) {
             trace_.presented(std::exchange(presentBegin_, -1.0), jTimer::getTimeSecond());
@@ -88,6 +91,7 @@ public:
         Base::swapEnd(check);
     }
 
+    /// That of `Base`, recorded with its result, the position and how the clocks lie. `timeout` in seconds.
     WAIT_RESULT wait(double timeout) override {
         const double begin = jTimer::getTimeSecond();
         const double vsync = Base::getFrameDeadlineExpected();
@@ -97,6 +101,7 @@ public:
         return result;
     }
 
+    /// That of `Base`, recorded as "block applied" with the frame id and the weight.
     void applyData(KorData* block, double weight) override {
         const double begin = jTimer::getTimeSecond();
         const int frame = trace_.isRecording() && block->data
@@ -107,6 +112,7 @@ public:
     }
 
 protected:
+    /// Notes the event, calls that of `Base`, and puts itself before the endpoint to see blocks arrive.
     void on_connect(const RTAddr& addr) override {
         note("master connected", addr);
         Base::on_connect(addr);
@@ -116,14 +122,17 @@ protected:
             master->setPacketHandler(&arrivals_);
         }
     }
+    /// Notes the event, then calls that of `Base`. So do the next two.
     void on_reconnect(const RTAddr& addr) override {
         note("master connects anew", addr);
         Base::on_reconnect(addr);
     }
+    /// See `on_reconnect`.
     void on_disconnect(const RTAddr& addr) override {
         note("master disconnected", addr);
         Base::on_disconnect(addr);
     }
+    /// See `on_reconnect`.
     void on_connect_lost(const RTAddr& addr) override {
         note("master lost", addr);
         Base::on_connect_lost(addr);
