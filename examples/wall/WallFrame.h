@@ -43,7 +43,7 @@ struct WallFrame {
 constexpr signed char kKeyRecord = 20;
 
 constexpr const char* kWallKeys =
-    "f freeze, l lock, i interpolation, o overlay, p flash pattern, c capture, q quit";
+    "f freeze, l lock, i interpolation, o overlay, p flash pattern, c capture, q close the window";
 
 /// Bytes that a packet needs at most.
 int packetSize(const WallFrame& frame);

@@ -47,6 +47,7 @@ void addWindowOptions(CLI::App& app, WallSlaveOptions& options, Texts& texts) {
         ->delimiter(',')
         ->expected(2)
         ->check(numberIn(16, 8192));
+    app.add_flag("--full-screen", options.fullScreen, "cover the screen that --window lies on");
     app.add_option("--refresh", options.refresh, "refresh rate of the display, Hz; 0: what the display says")
         ->check(numberIn(0.0, 1000.0))
         ->capture_default_str();

@@ -18,6 +18,7 @@ struct WallSlaveOptions {
     double marginMs = 9;
     std::optional<glm::ivec2> window; ///< where it goes
     std::optional<glm::ivec2> size;   ///< of the window; as large as what the cameras cover, unless given
+    bool fullScreen = false;
     double seconds = 0;
     std::string pictures = ".";
     std::string report;

@@ -45,8 +45,12 @@ bool Window::create(const Options& options) {
     SDL_GL_SetAttribute(SDL_GL_CONTEXT_MAJOR_VERSION, 3);
     SDL_GL_SetAttribute(SDL_GL_CONTEXT_MINOR_VERSION, 3);
     const glm::ivec2 corner = options.corner.value_or(glm::ivec2(static_cast<int>(SDL_WINDOWPOS_UNDEFINED)));
-    window_ = SDL_CreateWindow(options.title.c_str(), corner.x, corner.y, options.size.x, options.size.y,
-                               SDL_WINDOW_OPENGL | SDL_WINDOW_RESIZABLE);
+    unsigned flags = SDL_WINDOW_OPENGL | SDL_WINDOW_RESIZABLE;
+    if (options.fullScreen) {
+        flags |= SDL_WINDOW_FULLSCREEN_DESKTOP;
+    }
+    window_ =
+        SDL_CreateWindow(options.title.c_str(), corner.x, corner.y, options.size.x, options.size.y, flags);
     if (!window_) {
         return fail("no window with OpenGL");
     }

@@ -18,6 +18,7 @@ public:
         std::string title;
         std::optional<glm::ivec2> corner; ///< where the window manager puts it, unless given
         glm::ivec2 size{320, 240};
+        bool fullScreen = false;
         double refreshRate = 0; ///< Hz; 0: what the display says, else 60
         double phase = 0;       ///< where its refreshes lie, 0 to 1, when it has none of its own
     };

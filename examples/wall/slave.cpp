@@ -129,8 +129,8 @@ private:
 };
 
 Window::Options windowOptions(const WallSlaveOptions& options) {
-    return {options.name, options.window, options.size.value_or(around(options.cameras).size),
-            options.refresh, options.phase};
+    return {options.name,       options.window,  options.size.value_or(around(options.cameras).size),
+            options.fullScreen, options.refresh, options.phase};
 }
 
 bool open(WallSlave& slave, const WallSlaveOptions& options) {

@@ -96,11 +96,12 @@ class WallCluster(Cluster):
             "--rate", f"{plan.rate:.17g}", "--lead", str(plan.lead),
         ], stdin=subprocess.PIPE)
         for i in range(count):
-            refresh = ["--refresh", f"{plan.refresh:.17g}", "--phase", f"{i / count:.6f}"] if self._servers else []
+            refresh = ["--refresh", f"{plan.refresh:.17g}"] if self._servers else []  # else what the display has
             self._launch(f"slave-{i + 1}", WallStream(), [
                 "kor-wall-slave", "--name", f"slave-{i + 1}", "--announce-port", str(announce[i]),
                 "--camera", f"{plan.camera(i)}={width * i},0,{width},{height}", "--rate", f"{plan.rate:.17g}",
-                "--pictures", str(plan.pictures), "--window", f"{0 if self._servers else width * i},0", *refresh,
+                "--pictures", str(plan.pictures), "--window", f"{0 if self._servers else width * i},0",
+                "--phase", f"{i / count:.6f}", *refresh,
             ], environment=environments[i])
         # fmt: on
         with ending_signals_blocked():
