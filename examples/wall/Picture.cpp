@@ -94,12 +94,14 @@ Picture drawPicture(const glm::ivec2& size, const std::function<void()>& draw) {
 std::string savePng(const std::string& path, const Picture& picture, const PictureText& text) {
     std::vector<unsigned char> pixels = picture.pixels; // libpng wants them writable
     std::vector<png_bytep> rows;
+    rows.reserve(static_cast<std::size_t>(picture.size.y));
     for (int y = 0; y < picture.size.y; ++y) {
         rows.push_back(pixels.data() +
                        static_cast<std::size_t>(y) * static_cast<std::size_t>(picture.size.x) * 3);
     }
     PictureText words = text;
     std::vector<png_text> texts;
+    texts.reserve(words.size());
     for (auto& [keyword, value] : words) {
         png_text entry{};
         entry.compression = PNG_TEXT_COMPRESSION_NONE;
