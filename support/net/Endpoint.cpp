@@ -18,6 +18,7 @@ void add(MalformedCounters& sum, const MalformedCounters& part) {
 Endpoint::Endpoint(EndpointConfig config, Nanoseconds now)
     : config_(std::move(config)),
       cookies_(config_.cookieSecret),
+      nextSerial_(config_.firstSerial),
       lastPoll_(now),
       resetWindow_(now),
       decoded_(std::make_unique<DecodedDatagram>()) {}
@@ -265,7 +266,7 @@ Endpoint::Peer& Endpoint::establish(std::size_t socket, const RTAddr& addr, std:
                                     bool initiator, Nanoseconds roundTrip, Nanoseconds now) {
     auto peer = std::make_unique<Peer>();
     ConnectionConfig config;
-    config.serial = ++lastSerial_;
+    config.serial = nextSerial_++;
     config.addressKey = addr.getKey();
     config.connectionId = connectionId;
     config.initiator = initiator;

@@ -31,6 +31,7 @@ struct EndpointConfig {
         random; ///< for nonces and connection ids; unpredictable outside of simulations
     std::uint64_t firstPacketId = 1;
     std::uint64_t firstNumber = 1;
+    std::uint64_t firstSerial = 1; ///< of the first connection; at least 1
 };
 
 /// Datagrams on their way out.
@@ -78,6 +79,8 @@ public:
     const Connection* find(std::uint64_t serial) const;
     /// Serial of the connection to that peer; 0 when there is none.
     std::uint64_t serialOf(std::uint64_t addressKey) const;
+    /// Serial of the next connection. They count up from `firstSerial`.
+    std::uint64_t nextSerial() const { return nextSerial_; }
     std::uint32_t connectionCount() const { return static_cast<std::uint32_t>(peers_.size()); }
 
     /// Queues a packet; dropped when the connection has ended.
@@ -173,7 +176,7 @@ private:
     std::vector<Reply> replies_;
     Ring<NetEvent> events_;
     std::uint64_t eventQueue_ = 0; ///< which one since the beginning
-    std::uint64_t lastSerial_ = 0;
+    std::uint64_t nextSerial_;
     Nanoseconds lastPoll_ = 0;
     Nanoseconds resetWindow_ = 0;
     int resetsLeft_ = 0;

@@ -96,6 +96,7 @@ bool NetDriver::open(const std::vector<std::uint16_t>& ports, const NetOptions& 
         options_ = options;
         sockets_ = std::move(sockets);
         sender_.emplace(sockets_, options.batchSend);
+        config.firstSerial = nextSerial_;
         endpoint_.emplace(std::move(config), clockNow());
         ports_ = std::move(localPorts);
         poller_.clear();
@@ -119,6 +120,7 @@ void NetDriver::close() {
     }
     poller_.clear();
     sender_.reset();
+    nextSerial_ = endpoint_->nextSerial();
     endpoint_.reset();
     sockets_.clear();
     ports_.clear();

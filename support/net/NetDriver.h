@@ -98,6 +98,7 @@ private:
     NetOptions options_;
     mutable std::mutex coreMutex_;
     std::optional<Endpoint> endpoint_;
+    std::uint64_t nextSerial_ = 1; ///< of the next endpoint: an RTUser kept from before must not meet its own
     std::vector<std::unique_ptr<UdpSocket>> sockets_;
     std::optional<TrainSender> sender_;
     std::unique_ptr<ReceiveBatch> batch_;

@@ -268,6 +268,22 @@ TEST_F(ConnectionLayer, ConnectsAgainAndReportsAStandingConnectionAgain) {
     ASSERT_TRUE(a.recorder.awaitEvents({"connect", "disconnect", "connect", "connect"}));
 }
 
+TEST_F(ConnectionLayer, AConnectionKeptFromBeforeAReleaseDoesNotShowALaterOne) {
+    RTUser* const before = a.recorder.user;
+    a.net.release();
+    ASSERT_TRUE(b.recorder.awaitEvents({"connect", "disconnect"}));
+    ASSERT_TRUE(a.open());
+    EXPECT_EQ(a.net.connect(jString("127.0.0.1"), b.port(), 1000, 3), NET_CONNECT_ATTEMPT_STARTED);
+    ASSERT_TRUE(a.recorder.awaitEvents({"connect", "connect"}));
+    RTUser* const after = a.recorder.user;
+    EXPECT_NE(after->sendAsyn("x", 1), RTUser::kRefused);
+    ASSERT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 1; }));
+    EXPECT_EQ(after->getStatistics().packetsSent, 1u);
+    EXPECT_EQ(before->getStatistics().packetsSent, 0u);
+    EXPECT_EQ(before->getStatistics().datagramsReceived, 0u);
+    EXPECT_EQ(before->sendAsyn("x", 1), RTUser::kRefused);
+}
+
 TEST(ConnectionLayerAlone, ReportsFailedAttempts) {
     Side a;
     EXPECT_EQ(a.net.connect(jString("127.0.0.1"), 9, 10, 1), NET_CONNECT_ATTEMPT_CLOSED);
