@@ -51,7 +51,7 @@ struct NetStatistics {
     std::uint64_t datagramsSent = 0;     ///< UDP datagrams sent
     std::uint64_t datagramsReceived = 0; ///< UDP datagrams received, sound or not
     std::uint64_t kernelDrops = 0; ///< datagrams that the kernel dropped because our receive buffer was full
-    std::uint64_t refusedConnections = 0; ///< requests refused because the table of peers is full
+    std::uint64_t refusedConnections = 0; ///< table of peers full, or too many events waiting
     std::uint64_t badCookies = 0;         ///< answers to our challenge that were forged or too old
     std::uint64_t systemCallsSend = 0;    ///< system calls that sent, since the layer was opened
     std::uint64_t systemCallsReceive = 0; ///< system calls that received

@@ -60,9 +60,15 @@ void Endpoint::noteMeasured(Peer& peer) {
     pushEvent(NetEvent::Kind::measured, peer.connection->config().serial, peer.addr.getKey());
 }
 
+bool Endpoint::roomForEvents() {
+    const bool room = events_.size() < kMaxWaitingEvents;
+    stats_.refusedConnections += room ? 0 : 1;
+    return room;
+}
+
 bool Endpoint::mayConnect(const Peer* known) {
-    if ((known != nullptr || peers_.size() < config_.maxPeers) && events_.size() < kMaxWaitingEvents)
-        return true;
+    if (known != nullptr || peers_.size() < config_.maxPeers)
+        return roomForEvents();
     ++stats_.refusedConnections;
     return false;
 }
@@ -213,6 +219,8 @@ void Endpoint::onAccept(std::size_t socket, const RTAddr& from, Nanoseconds now)
     if (found == attempts_.end() || found->second.nonce != decoded_->header.connectionId ||
         !found->second.anyAnswer)
         return;
+    if (!roomForEvents())
+        return; // the attempt goes on, and the peer accepts again
     const ConnectAttempt attempt = found->second;
     attempts_.erase(found);
     Peer& peer = establish(socket, from, decoded_->newConnectionId, true, now - attempt.answered, now);

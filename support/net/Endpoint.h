@@ -158,6 +158,7 @@ private:
     void beginAttempt(const RTAddr& to, Nanoseconds tryDuration, int tries, Nanoseconds now);
     void end(Peer& peer, NetEvent::Kind kind);
     void noteMeasured(Peer& peer);
+    bool roomForEvents();
     bool mayConnect(const Peer* known);
     void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
     void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection->nextWake()); }

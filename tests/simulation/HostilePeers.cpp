@@ -274,6 +274,32 @@ TEST_F(Attack, AStalledApplicationIsNotBuriedInEvents) {
     EXPECT_EQ(statistics().connections, 1u);
 }
 
+TEST_F(Attack, AStalledApplicationIsNotBuriedByAPeerThatItConnectsTo) {
+    victim_->connect(kAttackerAddr, kSecond, 3, now_);
+    const std::int64_t before = liveBytes;
+    for (int i = 0; i != 150'000; ++i) { // accepts and denies it, as fast as it can
+        poll();
+        const std::uint64_t nonce = answer_.header.connectionId;
+        inject(kAttackerAddr, writeChallenge(bytes_, nonce, 1, now_));
+        poll();
+        inject(kAttackerAddr, writeAccept(bytes_, nonce, 5, {1000, 1000, 1000, 1472}));
+        inject(kAttackerAddr, writeReset(bytes_, 5, false));
+    }
+    EXPECT_LE(victim_->events().size(), (1u << 18) + 1);
+    EXPECT_LE(liveBytes - before, 32 * kMegabyte);
+    EXPECT_GT(statistics().refusedConnections, 0u);
+    // When the application goes on, so does the attempt.
+    for (; !victim_->events().empty(); victim_->events().pop()) {
+    }
+    now_ += kSecond;
+    poll();
+    const std::uint64_t nonce = answer_.header.connectionId;
+    inject(kAttackerAddr, writeChallenge(bytes_, nonce, 1, now_));
+    poll();
+    inject(kAttackerAddr, writeAccept(bytes_, nonce, 5, {1000, 1000, 1000, 1472}));
+    EXPECT_EQ(statistics().connections, 1u);
+}
+
 TEST_F(Attack, ACookieIsGoodForOneAddressOneNonceAndOneConnection) {
     inject(kAttackerAddr, writeRequest(bytes_, 7));
     poll();
