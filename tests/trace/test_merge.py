@@ -93,12 +93,14 @@ class Merge(unittest.TestCase):
 
     def test_bad_files(self):
         whole = json.dumps(SLAVE).encode()
+        deep = json.dumps(trace("x", "9", [span("a", 1, 1, deep=0)])).replace('"deep": 0', '"deep": %s')
         bad_event = trace("x", "9", [{"ph": "X", "tid": 1, "name": "a", "ts": 1}])
         for content, text in (
             (b"", "is empty"),
             (whole[:-20], "not all of it is there"),
             (b"\x00\xff\x7fELF", "is no JSON"),
-            (b"[" * 100000, "is no JSON"),
+            (b"[" * 50, "is no JSON"),
+            ((deep % ("[" * 300000 + "]" * 300000)).encode(), "nested too deeply"),
             (b"[]", "is no trace"),
             (b"null", "is no trace"),
             ({"traceEvents": []}, "is no trace"),

@@ -32,6 +32,20 @@ bool readFile(const std::string& path, std::string& content, std::string& error)
     return true;
 }
 
+/// Deeper ones than any trace has would overrun the stack when they are written again.
+constexpr int kDeepest = 64;
+
+struct TooDeep {};
+
+json parse(const std::string& content) {
+    return json::parse(content, [](int depth, json::parse_event_t, const json&) {
+        if (depth > kDeepest) {
+            throw TooDeep();
+        }
+        return true;
+    });
+}
+
 const json* find(const json& object, const char* key) {
     const auto found = object.is_object() ? object.find(key) : object.end();
     return object.is_object() && found != object.end() ? &*found : nullptr;
@@ -82,7 +96,10 @@ bool readTrace(const std::string& path, TraceInput& input, std::string& error) {
     }
     json file;
     try {
-        file = json::parse(content);
+        file = parse(content);
+    } catch (const TooDeep&) {
+        error = "is no trace: it is nested too deeply";
+        return false;
     } catch (const json::exception& failure) {
         error = std::string("is no JSON, or not all of it is there: ") + failure.what();
         return false;
