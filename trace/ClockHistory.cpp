@@ -50,6 +50,19 @@ std::vector<ClockHistory::Sample> ClockHistory::samples() const {
     return kept_;
 }
 
+// The first offsets of a connection are corrected by more than the time between them, which would turn the
+// clock back: the later one is the better one.
+ClockConversion::ClockConversion(const std::vector<ClockHistory::Sample>& samples) {
+    for (const ClockHistory::Sample& sample : samples) {
+        while (!samples_.empty() &&
+               (sample.local <= samples_.back().local ||
+                sample.local + sample.offset <= samples_.back().local + samples_.back().offset)) {
+            samples_.pop_back();
+        }
+        samples_.push_back(sample);
+    }
+}
+
 double ClockConversion::offsetAt(double local) const {
     const auto after =
         std::upper_bound(samples_.begin(), samples_.end(), local,

@@ -41,7 +41,7 @@ private:
 /// outside of them. Without samples times stay as they are. Never turns the order of two times around.
 class ClockConversion {
 public:
-    explicit ClockConversion(std::vector<ClockHistory::Sample> samples) : samples_(std::move(samples)) {}
+    explicit ClockConversion(const std::vector<ClockHistory::Sample>& samples);
 
     bool known() const { return !samples_.empty(); }
 
@@ -54,7 +54,7 @@ public:
 private:
     double offsetAt(double local) const;
 
-    std::vector<ClockHistory::Sample> samples_;
+    std::vector<ClockHistory::Sample> samples_; // both clocks go on from each to the next
 };
 
 } // namespace kor::detail

@@ -65,4 +65,15 @@ TEST(ClockHistory, TheOrderOfTimesIsKept) {
     }
 }
 
+TEST(ClockHistory, ACorrectionLargerThanTheTimeBetweenSamplesDoesNotTurnTheClockBack) {
+    ClockHistory history;
+    history.add({1, 5.04, 0.05});
+    history.add({1.01, 5, 0.001});
+    const ClockConversion convert(history.samples());
+    for (std::int64_t time = kSecond / 2; time < 3 * kSecond; time += 999'983) {
+        EXPECT_GT(convert(time), convert(time - 999'983)) << time;
+    }
+    EXPECT_EQ(convert(kSecond), 6 * kSecond);
+}
+
 } // namespace
