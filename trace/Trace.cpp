@@ -27,16 +27,17 @@ Trace::~Trace() {
 }
 
 bool Trace::begin(const TraceOptions& options) {
-    if (!core_->begin(core_, options)) {
-        return false;
+    try {
+        return core_->begin(core_, options, active_);
+    } catch (const std::exception& failure) {
+        end();
+        jLog::error("%s:%s", "Trace::begin", failure.what());
     }
-    active_.store(core_.get(), std::memory_order_release);
-    return true;
+    return false;
 }
 
 void Trace::end() {
-    active_.store(nullptr, std::memory_order_relaxed);
-    core_->end();
+    core_->end(active_);
 }
 
 bool Trace::write(const std::string& path) {

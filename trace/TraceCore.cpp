@@ -49,7 +49,8 @@ bool TraceCore::makeRing() {
     return ring_ != nullptr;
 }
 
-bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions& options) {
+bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions& options,
+                      std::atomic<TraceCore*>& active) {
     const std::lock_guard guard(control_);
     if (isRecording() || !makeRing()) {
         return false;
@@ -69,11 +70,13 @@ bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions
     if (options_.profiler) {
         takeProfiler(self);
     }
+    active.store(this, std::memory_order_release);
     return true;
 }
 
-void TraceCore::end() {
+void TraceCore::end(std::atomic<TraceCore*>& active) {
     const std::lock_guard guard(control_);
+    active.store(nullptr, std::memory_order_relaxed);
     if (!recording_.exchange(false)) {
         return;
     }
@@ -110,8 +113,11 @@ TraceCounts TraceCore::counts() {
 
 void TraceCore::nameThread(const char* name) {
     const std::lock_guard guard(namesLock_);
-    if (threadNames_.size() < kMostNames) {
-        threadNames_[thisThread()] = name;
+    try {
+        if (threadNames_.size() < kMostNames) {
+            threadNames_[thisThread()] = name;
+        }
+    } catch (...) { // no memory: it stays without a name
     }
 }
 

@@ -21,9 +21,11 @@ class TraceCore {
 public:
     explicit TraceCore(std::size_t bytes) : bytes_(bytes) {}
 
-    /// `self` is this object, for the handlers.
-    bool begin(const std::shared_ptr<TraceCore>& self, const TraceOptions& options);
-    void end();
+    /// `self` is this object, for the handlers. `active` leads to it from `begin` to `end`; both set it, so
+    /// that it agrees with what is recorded also when several threads begin and end.
+    bool begin(const std::shared_ptr<TraceCore>& self, const TraceOptions& options,
+               std::atomic<TraceCore*>& active);
+    void end(std::atomic<TraceCore*>& active);
     bool write(const std::string& path, std::string& error);
     TraceCounts counts();
 
