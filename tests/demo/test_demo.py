@@ -309,6 +309,9 @@ class Arguments(unittest.TestCase):
             ["--json", "/nowhere/figures.json"],
             ["--trace", "/nowhere/trace.json"],
             ["--plot", "/dev/null/plots"],
+            ["--logs", "/dev/null/logs"],
+            ["--pictures", "/dev/null/pictures"],
+            ["--wall", "--payload", "5"],
             ["--unknown"],
         ):
             with self.subTest(arguments=arguments):

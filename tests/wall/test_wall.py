@@ -108,6 +108,12 @@ class Run(unittest.TestCase):
             shown = Picture(self.folder / f"capture-{number}-shown-part-1.png")
             self.assertGreaterEqual(shown.number("clock"), left.number("clock") - 1e-6)
 
+    def test_figures_that_cannot_be_written(self):
+        demo = Demo("--slaves", 1, "--captures", 1, "--pictures", self.folder, "--json", "/dev/full")
+        output, errors = demo.finish()
+        self.assertEqual(demo.process.returncode, 1, output + errors)
+        self.assertIn("/dev/full: No space left", errors)
+
     def test_two_at_once_and_one_that_is_killed(self):
         killed = Demo("--slaves", 2, "--captures", 100, "--pictures", self.folder / "killed")
         demo = Demo("--slaves", 2, "--captures", 1, "--pictures", self.folder / "other")

@@ -246,7 +246,10 @@ class Cluster:
                 )
 
     def save_logs(self, folder: Path) -> None:
-        folder.mkdir(parents=True, exist_ok=True)
         for process in self.processes:
             process.log.seek(0)
-            (folder / f"{process.name}.log").write_bytes(process.log.read())
+            file = folder / f"{process.name}.log"
+            try:
+                file.write_bytes(process.log.read())
+            except OSError as error:
+                raise ClusterError(f"cannot write {file}: {error.strerror}") from None

@@ -87,18 +87,26 @@ def parse_arguments() -> argparse.Namespace:
         arguments.seconds = 10.0
     if arguments.lead is None:
         arguments.lead = 6 if arguments.wall else 2
-    if arguments.wall and (arguments.trace or arguments.plot):
-        parser.error("argument --wall: not together with --trace or --plot")
-    if arguments.plot:
-        if not shutil.which("gnuplot"):
-            parser.error("argument --plot: gnuplot is not installed; script/setup does it")
-        try:
-            arguments.plot.mkdir(parents=True, exist_ok=True)
-        except OSError as error:
-            parser.error(f"argument --plot: cannot make {arguments.plot}: {error.strerror}")
-        if not os.access(arguments.plot, os.W_OK):
-            parser.error(f"argument --plot: cannot write into {arguments.plot}")
+    if arguments.wall:
+        for option in ("trace", "plot", "payload", "grace"):
+            if getattr(arguments, option):
+                parser.error(f"argument --wall: not together with --{option}")
+    if arguments.plot and not shutil.which("gnuplot"):
+        parser.error("argument --plot: gnuplot is not installed; script/setup does it")
+    for option in ("plot", "logs", "pictures"):
+        folder = getattr(arguments, option)
+        if folder and (reason := unusable(folder)):
+            parser.error(f"argument --{option}: {reason}")
     return arguments
+
+
+def unusable(folder: Path) -> str | None:
+    """Makes a folder. Returns why files cannot be put into it."""
+    try:
+        folder.mkdir(parents=True, exist_ok=True)
+    except OSError as error:
+        return f"cannot make {folder}: {error.strerror}"
+    return None if os.access(folder, os.W_OK) else f"cannot write into {folder}"
 
 
 def writable(path: Path) -> bool:

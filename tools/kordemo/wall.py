@@ -73,6 +73,10 @@ def show(figures: dict[str, Any], slaves: int, wall: Path, console: Console) -> 
     print(f"pictures: {wall} and others next to it")
 
 
+def told(folder: Path, figures: Path | None) -> str:
+    return f"into {folder} or {figures}" if figures else f"into {folder}"
+
+
 def run(arguments: argparse.Namespace) -> int:
     """Runs the demo; returns its exit status."""
     folder = arguments.pictures or arguments.build / "wall"
@@ -103,10 +107,14 @@ def run(arguments: argparse.Namespace) -> int:
         print(f"demo: {error}", file=sys.stderr)
         return EXIT_FAILED
     except OSError as error:
-        print(f"demo: cannot write {error.filename}: {error.strerror}", file=sys.stderr)
+        # A disk that is full is not told with the name of the file.
+        print(f"demo: cannot write {error.filename or told(folder, arguments.json)}: {error.strerror}", file=sys.stderr)
         return EXIT_FAILED
     show(figures, plan.slaves, wall, Console())
     step = figures[LOCKED]["exact_px"]
+    if plan.slaves == 1:
+        print("demo: one window has no seam, so there was nothing to measure", file=sys.stderr)
+        return EXIT_PROVED
     if step is None:
         print("demo: in none of the pictures a bar crossed a seam; take more --captures", file=sys.stderr)
         return EXIT_FAILED
