@@ -55,7 +55,7 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${KOR_DEBIAN_FILES}/shlibs ${PROJ
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "frame lock for clustered real-time rendering - library
 ${intro}
 
-This package holds the shared library.")
+This package holds the shared libraries.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkor-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -76,7 +76,8 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION "frame lock for clustered real-time render
 ${intro}
 
 This package holds a master and a slave that lock without a renderer, to try
-a network out and to measure how well its machines lock.")
+a network out and to measure how well its machines lock, and kor-trace-merge,
+which joins what the machines recorded on one time line.")
 
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME kor-doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
