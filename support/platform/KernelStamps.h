@@ -21,9 +21,9 @@ ClockPair readClockPair();
 
 /// Turns the kernel's wall-clock arrival stamps into times of our clock.
 ///
-/// Both clocks run at one rate, so a changed difference between them means that the wall clock was set;
-/// stamps are then distrusted for as long as older ones may still come. Not thread-safe: belongs to one
-/// socket.
+/// Both clocks run at one rate, within 100 ppm if the application has set a clock of its own, so a difference
+/// that changes by more means that the wall clock was set; stamps are then distrusted for as long as older
+/// ones may still come. Not thread-safe: belongs to one socket.
 class KernelStamps {
 public:
     /// Stamps older than this, or younger than now, are taken for wrong. Datagrams may well wait for seconds

@@ -57,6 +57,15 @@ TEST(KernelStamps, InterruptedReadingsAreNotTakenForAStep) {
     EXPECT_EQ(stamps.arrival(kWall + 7 * kSecond - 99), 7 * kSecond - 99);
 }
 
+TEST(KernelStamps, ADriftBetweenTheClocksIsNotTakenForAStep) {
+    for (const Nanoseconds drift : {60 * kMicrosecond, -60 * kMicrosecond}) { // per second
+        KernelStamps stamps;
+        for (int second = 5; second < 9; ++second)
+            stamps.update(at(second * kSecond, second * drift));
+        EXPECT_EQ(stamps.arrival(kWall + 8 * kSecond + 8 * drift - 99), 8 * kSecond - 99);
+    }
+}
+
 TEST(KernelStamps, NeverPutAnArrivalBeforeTheTruth) {
     // A stamp taken in between two readings of our clock lies between them, also when the thread is
     // interrupted while it reads the pair.
