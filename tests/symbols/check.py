@@ -40,7 +40,7 @@ def report(kept, found):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--library", type=Path, required=True, help="the shared library")
+    parser.add_argument("--library", dest="binary", metavar="FILE", type=Path, required=True, help="the shared library")
     parser.add_argument("--list", type=Path, required=True, help="the list that is kept")
     parser.add_argument("--include", type=Path, required=True, help="folder of the public headers")
     parser.add_argument("--header", required=True, help="header that includes the public ones")
@@ -51,9 +51,9 @@ def main():
     if struct.calcsize("P") != 8 or not sys.platform.startswith("linux"):
         print("the list holds for 64-bit Linux, which this machine is not: nothing compared")
         return 77
-    if not arguments.library.is_file():
-        parser.error(f"{arguments.library} is not there; build it first")
-    found = interface(arguments.library, arguments.compiler, arguments.include, arguments.header)
+    if not arguments.binary.is_file():
+        parser.error(f"{arguments.binary} is not there; build it first")
+    found = interface(arguments.binary, arguments.compiler, arguments.include, arguments.header)
     if arguments.without:
         others = set(read_list(arguments.without))
         found = [line for line in found if line not in others]
