@@ -116,6 +116,10 @@ class Merge(unittest.TestCase):
                 self.assert_refused(str(path), path)
         self.assert_refused("No such file", self.folder / "missing.json")
         self.assert_refused("is a directory", self.folder)
+        sparse = self.folder / "large.json"
+        with open(sparse, "wb") as file:
+            file.truncate((1 << 30) + 1)
+        self.assert_refused("is larger than any trace", sparse)
 
     def test_one_process_twice_and_merged_files(self):
         first, second = self.file("1.json", SLAVE), self.file("2.json", SLAVE)

@@ -2,15 +2,20 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <utility>
 
 namespace {
 
 using nlohmann::json;
+
+/// No trace is that large: what is, is something else, and may have no end.
+constexpr std::size_t kLargestFile = std::size_t{1} << 30;
+constexpr std::size_t kChunk = std::size_t{1} << 20;
 
 bool readFile(const std::string& path, std::string& content, std::string& error) {
     std::error_code ignored;
@@ -20,7 +25,20 @@ bool readFile(const std::string& path, std::string& content, std::string& error)
     }
     errno = 0;
     std::ifstream file(path, std::ios::binary);
-    content.assign(std::istreambuf_iterator<char>(file), {});
+    const std::uintmax_t size = std::filesystem::file_size(path, ignored);
+    bool tooLarge = !ignored && size > kLargestFile;
+    content.clear();
+    while (file && !tooLarge) {
+        const std::size_t have = content.size();
+        content.resize(have + kChunk);
+        file.read(content.data() + have, static_cast<std::streamsize>(kChunk));
+        content.resize(have + static_cast<std::size_t>(file.gcount()));
+        tooLarge = content.size() > kLargestFile;
+    }
+    if (tooLarge) {
+        error = "is larger than any trace";
+        return false;
+    }
     if (!file.is_open() || file.bad()) {
         error = errno != 0 ? std::strerror(errno) : "cannot be read";
         return false;
