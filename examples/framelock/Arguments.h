@@ -19,6 +19,28 @@ inline CLI::Validator numberIn(double low, double high) {
             range};
 }
 
+/// The options that say where a master announces itself and where slaves find it.
+template <class Options>
+void addNetworkOptions(CLI::App& app, Options& options) {
+    const auto port = numberIn(1, 65535);
+    app.add_option("--broadcast", options.broadcast, "address to announce the master at; contains .255")
+        ->check(CLI::ValidIPV4)
+        ->capture_default_str();
+    app.add_option("--announce-ports", options.announcePorts, "ports that slaves listen on, comma-separated")
+        ->delimiter(',')
+        ->check(port)
+        ->capture_default_str();
+    app.add_option("--bind-ports", options.bindPorts, "own ports to announce from, one per announcement port")
+        ->delimiter(',')
+        ->check(port)
+        ->capture_default_str();
+    app.add_option("--data-ports", options.dataPorts,
+                   "own ports that slaves connect to, one per announcement port")
+        ->delimiter(',')
+        ->check(port)
+        ->capture_default_str();
+}
+
 /// Parses the arguments. Returns -1 to go on, else the exit status; help or the error have been printed.
 inline int parse(CLI::App& app, int argc, char** argv) {
     try {

@@ -14,23 +14,7 @@ void describe(CLI::App& app, MasterOptions& options) {
         "On several machines one port of each kind does; --broadcast is the network's broadcast address:\n"
         "  kor-master --broadcast 192.168.1.255\n\n"
         "Exit status: 0 done, 1 fault while running, 2 bad arguments, 3 a port cannot be opened.");
-    const auto port = numberIn(1, 65535);
-    app.add_option("--broadcast", options.broadcast, "address to announce the master at; contains .255")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
-    app.add_option("--announce-ports", options.announcePorts, "ports that slaves listen on, comma-separated")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
-    app.add_option("--bind-ports", options.bindPorts, "own ports to announce from, one per announcement port")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
-    app.add_option("--data-ports", options.dataPorts,
-                   "own ports that slaves connect to, one per announcement port")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
+    addNetworkOptions(app, options);
     app.add_option("--rate", options.rate, "frames per second; the slaves' must be the same")
         ->check(numberIn(1.0, 1000.0))
         ->capture_default_str();

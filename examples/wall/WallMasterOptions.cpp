@@ -7,25 +7,6 @@
 
 namespace {
 
-void addNetworkOptions(CLI::App& app, WallMasterOptions& options) {
-    const auto port = numberIn(1, 65535);
-    app.add_option("--broadcast", options.broadcast, "address to announce the master at; contains .255")
-        ->capture_default_str();
-    app.add_option("--announce-ports", options.announcePorts, "ports that slaves listen on, comma-separated")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
-    app.add_option("--bind-ports", options.bindPorts, "own ports to announce from, one per announcement port")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
-    app.add_option("--data-ports", options.dataPorts,
-                   "own ports that slaves connect to, one per announcement port")
-        ->delimiter(',')
-        ->check(port)
-        ->capture_default_str();
-}
-
 void describe(CLI::App& app, WallMasterOptions& options) {
     app.description("Master of a wall of windows: computes the scene that the kor-wall-slaves draw.");
     app.footer(std::string("Commands, one a line, with --commands:\n") + kWallCommands +

@@ -287,7 +287,12 @@ class BadInput(Programs):
         ):
             with self.subTest(arguments=arguments):
                 self.assert_refused(2, part, "kor-wall-slave", *arguments)
-        for part, *arguments in (("--wall", "--wall", "960"), ("--wall", "--wall", "0,0"), ("ports", "--bind-ports", 1)):
+        for part, *arguments in (
+            ("--wall", "--wall", "960"),
+            ("--wall", "--wall", "0,0"),
+            ("ports", "--bind-ports", 1),
+            ("--broadcast", "--broadcast", "network.255"),
+        ):
             with self.subTest(arguments=arguments):
                 self.assert_refused(2, part, "kor-wall-master", *arguments)
 
