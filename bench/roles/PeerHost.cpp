@@ -82,7 +82,7 @@ public:
             return state = state * 6364136223846793005u + 1442695040888963407u;
         };
         endpoint_.emplace(std::move(config), clockNow());
-        sender_.emplace(sockets_, true);
+        sender_.emplace(sockets_, TrainSender::Options{true, false});
         endpoint_->connect(master, kSecond, 10, clockNow());
     }
 

@@ -17,6 +17,8 @@ struct NetOptions {
     bool batchSend = true;                       ///< false: no sendmmsg
     bool batchReceive = true;                    ///< false: no recvmmsg
     bool kernelTimeStamps = true;                ///< false: arrival is when we read the datagram
+    bool warmSends =
+        true; ///< false: a datagram after a rest leaves late, and its time stamp is early by that
 };
 
 } // namespace kor

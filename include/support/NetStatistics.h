@@ -61,6 +61,7 @@ struct NetStatistics {
     bool batchSend = false;               ///< in use: sendmmsg
     bool batchReceive = false;            ///< in use: recvmmsg
     bool kernelTimeStamps = false;        ///< in use: arrival times come from the kernel
+    bool warmSends = false;               ///< in use: time stamps do not leave through a cold processor
     std::uint32_t receiveBufferBytes = 0; ///< granted by the kernel
     std::uint32_t sendBufferBytes = 0;    ///< granted by the kernel
 };

@@ -13,14 +13,18 @@ constexpr Nanoseconds kReorderCalm = kSecond; // without a spurious repair the w
 constexpr Nanoseconds kFirstRoundTrip = 5 * kMillisecond; // when nobody has measured one
 constexpr Nanoseconds kLeastVariation = 250 * kMicrosecond;
 constexpr Nanoseconds kSilence = 100 * kMillisecond;
+constexpr Nanoseconds kRest = 200 * kMillisecond; // the same after the first beat
 constexpr Nanoseconds kFirstQuery = 10 * kMillisecond;
-constexpr Nanoseconds kPingGrid = 25 * kMillisecond;          // pings of many connections leave together
-constexpr Nanoseconds kInitiatorPatience = 50 * kMillisecond; // the accepting side pings first
+constexpr int kLeastBeats = 8;                       // so many within the timeout, however short that is
+constexpr Nanoseconds kBeatGrid = 25 * kMillisecond; // beats of many connections leave together
+constexpr Nanoseconds kCrossing = 50 * kMillisecond; // beats that are no further apart have crossed
+constexpr Nanoseconds kPingInterval = 2 * kSecond;   // at least so often a beat wants an answer
 constexpr Nanoseconds kVolleyStep = 5 * kMillisecond;
 constexpr int kVolley = 8;                                   // pings at the start, each with stamps …
 constexpr int kLongestVolley = 40;                           // … and as many more as the clock needs
 constexpr Nanoseconds kAcceptorPatience = 25 * kMillisecond; // then the accepting side helps itself
 constexpr Nanoseconds kStampInterval = 20 * kMillisecond;
+constexpr std::size_t kLongestStamped = 1472; // a datagram with stamps and data
 constexpr std::uint32_t kMaxInFlight = 16384; // datagrams
 constexpr std::uint32_t kMaxRecorded = 4 * kMaxInFlight;
 constexpr std::uint32_t kMaxRecordedPieces = 4 * kMaxRecorded;
@@ -47,6 +51,7 @@ Connection::Connection(const ConnectionConfig& config, Nanoseconds now)
       handedUpId_(config.firstPacketId - 1),
       nextForget_(now),
       nextVolley_(config.initiator ? now : now + kAcceptorPatience),
+      lastBeat_(now),
       lastPing_(now),
       lastStamp_(now - kStampInterval) {
     if (config_.firstRoundTrip <= 0)
@@ -89,6 +94,7 @@ void Connection::onDatagram(const DecodedDatagram& datagram, Nanoseconds arrival
     // A datagram of which a piece is refused counts as lost, so that its sender repairs it later.
     if (!takeFragments(datagram, events))
         return;
+    resting_ = resting_ && datagram.fragmentCount == 0;
     unacknowledgedBytes_ += datagram.wantsAck() ? static_cast<std::uint32_t>(wireBytes) : 0;
     noteForAck(datagram, arrival);
 }
@@ -218,6 +224,7 @@ void Connection::forgiveSilence(Nanoseconds now) {
 void Connection::send(Block bytes) {
     ++stats_.packetsSent;
     stats_.bytesSent += bytes.size();
+    resting_ = false;
     queue_.push(std::move(bytes));
 }
 
@@ -289,16 +296,25 @@ Nanoseconds Connection::queryDue() const {
     if (sent_.inFlight() != 0 || queue_.firstId() == queue_.firstUnsentId())
         return kNever;
     const Nanoseconds wait = std::min(kFirstQuery << std::min(queries_, 8), kSilence);
-    return std::max({lastProgress_, sent_.lastSent(), lastPing_}) + wait;
+    return std::max({lastProgress_, sent_.lastSent(), lastBeat_}) + wait;
 }
 
-Nanoseconds Connection::pingDue() const {
+bool Connection::ourTurn() const {
+    // When both sides have spoken at once, the accepting side goes first the next time.
+    return lastHeard_ > lastBeat_ + (config_.initiator ? kCrossing : 0);
+}
+
+Nanoseconds Connection::beatDue() const {
     if (inVolley())
         return nextVolley_;
-    const Nanoseconds silent = std::max(lastHeard_, lastPing_) + kSilence;
-    if (config_.initiator)
-        return silent + kInitiatorPatience;
-    return (silent / kPingGrid + 1) * kPingGrid;
+    const Nanoseconds silence = std::min(resting_ ? kRest : kSilence, config_.timeout / kLeastBeats);
+    const Nanoseconds due = std::max(lastHeard_, lastBeat_) + silence + (ourTurn() ? 0 : silence / 2);
+    return config_.initiator ? due : (due / kBeatGrid + 1) * kBeatGrid;
+}
+
+bool Connection::pingDue(Nanoseconds now) const {
+    // Not our turn means that the peer has missed its own.
+    return inVolley() || !ourTurn() || !roundTrip_.known() || now - lastPing_ >= kPingInterval;
 }
 
 bool Connection::inVolley() const {
@@ -315,8 +331,8 @@ DatagramWriter Connection::beginDatagram(std::span<std::uint8_t> buffer) const {
     return {buffer, config_.connectionId, config_.initiator, static_cast<std::uint32_t>(sent_.nextNumber())};
 }
 
-bool Connection::addControl(DatagramWriter& writer, Nanoseconds now, bool ping, bool stamp) {
-    if (!received_.empty() && (ackPending_ || ping)) {
+bool Connection::addControl(DatagramWriter& writer, Nanoseconds now, const Occasion& occasion) {
+    if (!received_.empty() && (ackPending_ || occasion.beat)) {
         AckFrame ack;
         received_.fillAck(ack);
         ack.delayMicroseconds = static_cast<std::uint32_t>(
@@ -326,12 +342,16 @@ bool Connection::addControl(DatagramWriter& writer, Nanoseconds now, bool ping, 
         ackPending_ = false;
         unacknowledgedBytes_ = 0;
     }
-    if (stamp) {
+    if (occasion.stamp) {
         writer.addTime({now, havePeerStamp_, peerStamp_, peerStampArrival_});
         lastStamp_ = now;
         stampWanted_ = false;
     }
-    if (ping) {
+    if (occasion.beat) {
+        lastBeat_ = now;
+        resting_ = true;
+    }
+    if (occasion.ping) {
         writer.addPing();
         lastPing_ = now;
         if (inVolley()) {
@@ -339,7 +359,7 @@ bool Connection::addControl(DatagramWriter& writer, Nanoseconds now, bool ping, 
             nextVolley_ = now + kVolleyStep;
         }
     }
-    return ping;
+    return occasion.ping;
 }
 
 std::size_t Connection::addFragments(DatagramWriter& writer) {
@@ -373,7 +393,7 @@ Train Connection::probePayload(Nanoseconds now, std::span<std::uint8_t> buffer) 
     const std::size_t bytes = writer.finish();
     probe_.sent();
     countSent(bytes, true, now, size, 0);
-    return {bytes, bytes, false};
+    return {bytes, bytes, 0};
 }
 
 Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
@@ -382,30 +402,35 @@ Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
         return probePayload(now, buffer);
     const bool query = now >= queryDue();
     queries_ += query ? 1 : 0;
-    const bool ping = query || now >= pingDue();
+    Occasion occasion;
+    occasion.beat = query || now >= beatDue();
+    occasion.ping = query || (occasion.beat && pingDue(now));
     bool data = mayBeginTrain(now);
-    if (!ping && !data && !(ackPending_ && now >= ackDue_))
+    if (!occasion.beat && !data && !(ackPending_ && now >= ackDue_))
         return {};
 
     const std::size_t payload = probe_.payload();
     Train train;
-    train.stamped = stampDue(now) || (ping && inVolley());
+    occasion.stamp = stampDue(now) || (occasion.ping && inVolley());
     // Copying a long train takes the system a while: stamps travel in a short datagram of their own ahead of
     // it.
-    if (train.stamped && data && queue_.readyExceeds(static_cast<std::uint32_t>(payload - 128)))
+    if (occasion.stamp && data &&
+        queue_.readyExceeds(static_cast<std::uint32_t>(std::min(payload, kLongestStamped) - 128)))
         data = false;
     const std::size_t trainLimit = std::min<std::size_t>(SendWindow::kTrainBytes, buffer.size());
     std::size_t limit = payload;
     while (train.bytes + limit <= trainLimit || train.bytes == 0) {
         DatagramWriter writer = beginDatagram(buffer.subspan(train.bytes, limit));
-        const bool control = train.bytes == 0 && addControl(writer, now, ping, train.stamped);
+        const bool control = train.bytes == 0 && addControl(writer, now, occasion);
         const std::size_t pieces = data ? addFragments(writer) : 0;
         if (writer.empty())
             break;
         const std::size_t size = writer.finish();
         countSent(size, control || pieces != 0, now, 0, pieces);
-        if (train.bytes == 0)
+        if (train.bytes == 0) {
             train.segment = limit = size;
+            train.stampAt = writer.stampAt();
+        }
         train.bytes += size;
         probeDue_ = probeDue_ && pieces == 0;
         if (size < limit || size + kFragmentHeaderBytes < payload || !mayBeginTrain(now))
@@ -420,7 +445,7 @@ Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
 
 Nanoseconds Connection::nextWake() const {
     Nanoseconds wake = lastHeard_ + config_.timeout;
-    wake = std::min({wake, pingDue(), queryDue()});
+    wake = std::min({wake, beatDue(), queryDue()});
     if (ackPending_)
         wake = std::min(wake, ackDue_);
     if (roundTrip_.known())
@@ -445,7 +470,7 @@ Train Connection::farewell(std::span<std::uint8_t> buffer) {
     writer.addClose();
     const std::size_t bytes = writer.finish();
     countSent(bytes, false, lastProgress_, 0, 0);
-    return {bytes, bytes, false};
+    return {bytes, bytes, 0};
 }
 
 ConnectionStatistics Connection::statistics(Nanoseconds now) const {

@@ -41,7 +41,7 @@ struct ConnectionConfig {
 struct Train {
     std::size_t bytes = 0;
     std::size_t segment = 0;
-    bool stamped = false; ///< carries clock stamps: to be sent at once, on its own
+    std::size_t stampAt = 0; ///< where the stamp of its sending is, 0: none; to be sent at once, on its own
 };
 
 /// One connection, without socket, thread or clock: time and bytes are arguments.
@@ -108,7 +108,13 @@ private:
     bool mayProbePayload(Nanoseconds now) const { return now >= probe_.nextProbe() && roundTrip_.known(); }
     bool mayBeginTrain(Nanoseconds now) const;
     Train probePayload(Nanoseconds now, std::span<std::uint8_t> buffer);
-    bool addControl(DatagramWriter& writer, Nanoseconds now, bool ping, bool stamp);
+    /// Why a datagram leaves, besides data and acknowledgements that are due.
+    struct Occasion {
+        bool beat = false;  ///< it has been silent
+        bool ping = false;  ///< … and the peer is to answer at once
+        bool stamp = false; ///< carries clock stamps
+    };
+    bool addControl(DatagramWriter& writer, Nanoseconds now, const Occasion& occasion);
     std::size_t addFragments(DatagramWriter& writer);
     void countSent(std::size_t bytes, bool wantsAck, Nanoseconds now, std::uint32_t payloadProbe,
                    std::size_t pieces);
@@ -116,7 +122,9 @@ private:
     Nanoseconds repairWait() const;
     Nanoseconds lossRoundTrip() const;
     Nanoseconds repairDeadline() const;
-    Nanoseconds pingDue() const;
+    bool ourTurn() const;
+    Nanoseconds beatDue() const;
+    bool pingDue(Nanoseconds now) const;
     Nanoseconds queryDue() const;
     bool inVolley() const;
     bool stampDue(Nanoseconds now) const;
@@ -159,8 +167,10 @@ private:
     // clock and keep-alive
     int volley_ = 0; ///< pings of the opening volley that have left
     Nanoseconds nextVolley_ = 0;
+    Nanoseconds lastBeat_ = 0; ///< what we last sent because it had been silent
     Nanoseconds lastPing_ = 0;
-    int queries_ = 0; ///< pings since the last hand-up was reported
+    bool resting_ = false; ///< nothing but beats has passed lately
+    int queries_ = 0;      ///< pings since the last hand-up was reported
     Nanoseconds lastStamp_ = 0;
     bool stampWanted_ = false; ///< answer a stamped ping at once
     bool havePeerStamp_ = false;

@@ -127,6 +127,8 @@ public:
     bool
     addAck(const AckFrame& ack); ///< drops the oldest ranges that do not fit; false when not even one fits
     bool addTime(const TimeFrame& time);
+    /// Where in the datagram the stamp of its sending stands, for restamp(); 0 when it has none.
+    std::size_t stampAt() const { return stampAt_; }
     bool addPing();
     bool addClose();
 
@@ -155,9 +157,13 @@ private:
     std::size_t size_ = 0;
     std::size_t summed_;    ///< up to here the check sum is known
     std::uint32_t sum_ = 0; ///< of the bytes from behind the check sum to there
+    std::size_t stampAt_ = 0;
     std::size_t fragments_ = 0;
     unsigned framesOnce_ = 0; ///< bit per type of those frames that may come once and have
 };
+
+/// Sets the stamp of its sending in a finished datagram, at `stampAt`, to `now`.
+void restamp(std::span<std::uint8_t> datagram, std::size_t stampAt, Nanoseconds now);
 
 /// Handshake datagrams. Each returns its size; `out` must hold kHandshakeBytes.
 std::size_t writeRequest(std::span<std::uint8_t> out, std::uint64_t nonce);

@@ -88,6 +88,7 @@ bool DatagramWriter::addTime(const TimeFrame& time) {
                                           : beginOnlyFrame(FrameType::time, kTimeFrameBytes);
     if (to == nullptr)
         return false;
+    stampAt_ = static_cast<std::size_t>(to - buffer_.data());
     store64(to, static_cast<std::uint64_t>(time.sent));
     if (time.hasEcho) {
         store64(to + 8, static_cast<std::uint64_t>(time.echoSent));
@@ -149,6 +150,12 @@ std::size_t DatagramWriter::finish() {
     sumUp();
     store32(buffer_.data(), sum_);
     return size_;
+}
+
+void restamp(std::span<std::uint8_t> datagram, std::size_t stampAt, Nanoseconds now) {
+    assert(stampAt >= kDataHeaderBytes && stampAt + sizeof now <= datagram.size());
+    store64(datagram.data() + stampAt, static_cast<std::uint64_t>(now));
+    store32(datagram.data(), crc32c(datagram.subspan(kChecksumBytes)));
 }
 
 } // namespace kor::detail

@@ -362,10 +362,10 @@ bool Endpoint::sendReplies(DatagramSink& sink) {
     bool room = true;
     std::size_t sent = 0;
     while (sent != replies_.size() && room) {
-        const Reply& out = replies_[sent++];
+        Reply& out = replies_[sent++];
         ++stats_.datagramsSent;
         stats_.wireBytesSent += out.size;
-        room = sink.send({out.socket, out.to, {out.bytes.data(), out.size}, out.size, false, 0});
+        room = sink.send({out.socket, out.to, {out.bytes.data(), out.size}, out.size, 0, 0});
     }
     replies_.erase(replies_.begin(), replies_.begin() + static_cast<std::ptrdiff_t>(sent));
     return room;
@@ -385,7 +385,7 @@ bool Endpoint::pollAttempts(Nanoseconds now, DatagramSink& sink) {
             const std::size_t size = attempt.write(bytes, config_.mine, now);
             ++stats_.datagramsSent;
             stats_.wireBytesSent += size;
-            room = sink.send({0, attempt.to, {bytes.data(), size}, size, false, 0});
+            room = sink.send({0, attempt.to, {bytes.data(), size}, size, 0, 0});
         }
         ++it;
     }
@@ -415,7 +415,7 @@ void Endpoint::poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSin
             continue;
         stats_.datagramsSent += (train.bytes + train.segment - 1) / train.segment;
         stats_.wireBytesSent += train.bytes;
-        if (!sink.send({peer.socket, peer.addr, buffer.first(train.bytes), train.segment, train.stamped,
+        if (!sink.send({peer.socket, peer.addr, buffer.first(train.bytes), train.segment, train.stampAt,
                         peer.connection->config().serial}))
             return;
     }
@@ -433,7 +433,7 @@ Nanoseconds Endpoint::nextWake() const {
 void Endpoint::sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink) {
     for (auto& [key, peer] : peers_) {
         const Train train = peer->connection->farewell(buffer);
-        if (!sink.send({peer->socket, peer->addr, buffer.first(train.bytes), train.segment, false, 0}))
+        if (!sink.send({peer->socket, peer->addr, buffer.first(train.bytes), train.segment, 0, 0}))
             return;
     }
 }

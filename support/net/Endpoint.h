@@ -38,10 +38,10 @@ struct EndpointConfig {
 struct Outgoing {
     std::size_t socket = 0;
     RTAddr to;
-    std::span<const std::uint8_t> bytes;
-    std::size_t segment = 0;  ///< size of each datagram in `bytes`; the last may be shorter
-    bool stamped = false;     ///< to be sent at once
-    std::uint64_t serial = 0; ///< the connection; 0 for handshakes
+    std::span<std::uint8_t> bytes; ///< the sink may put in a newer stamp
+    std::size_t segment = 0;       ///< size of each datagram in `bytes`; the last may be shorter
+    std::size_t stampAt = 0;       ///< where the first one has the stamp of its sending; 0: none
+    std::uint64_t serial = 0;      ///< the connection; 0 for handshakes
 };
 
 /// Where an endpoint's datagrams go.

@@ -21,6 +21,7 @@ constexpr int kTrainsPerTurn = 64;
 constexpr int kSpinsBeforePump = 256; // most locks are held for less than this
 constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
 constexpr Nanoseconds kSoon = 20 * kMicrosecond; // what is due later needs no second look at the clock
+constexpr Nanoseconds kGoesCold = kMillisecond;  // after a rest of that length, sending is slow at first
 constexpr Nanoseconds kBlockedRetry = kMillisecond;
 constexpr int kGoodbyes = 3;
 constexpr auto kGoodbyeInterval = std::chrono::milliseconds(2);
@@ -95,10 +96,11 @@ bool NetDriver::open(const std::vector<std::uint16_t>& ports, const NetOptions& 
         const std::lock_guard lock(coreMutex_);
         options_ = options;
         sockets_ = std::move(sockets);
-        sender_.emplace(sockets_, options.batchSend);
+        sender_.emplace(sockets_, TrainSender::Options{options.batchSend, options.warmSends});
         config.firstSerial = nextSerial_;
         endpoint_.emplace(std::move(config), clockNow());
         ports_ = std::move(localPorts);
+        lastBusy_ = clockNow();
         poller_.clear();
         for (const auto& socket : sockets_)
             poller_.add(socket->fd());
@@ -180,6 +182,7 @@ void NetDriver::receive() {
             const std::lock_guard lock(coreMutex_);
             sockets_[i]->receive(*batch_);
             for (const ReceivedRun& run : *batch_) {
+                lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
                 for (std::size_t n = 0; n != run.datagramCount(); ++n)
                     endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
@@ -241,6 +244,8 @@ void NetDriver::sendDue() {
     if (sender_->blocked() && !sender_->retry())
         return;
     Nanoseconds now = clockNow();
+    if (now - lastBusy_ > kGoesCold)
+        sender_->afterRest();
     for (int trains = 0; trains != kTrainsPerTurn && !sender_->blocked(); ++trains) {
         const Nanoseconds due = endpoint_->nextWake();
         if (due > now + kSoon)
@@ -252,6 +257,7 @@ void NetDriver::sendDue() {
         endpoint_->poll(now, trainBuffer_, *sender_, 1);
     }
     sender_->flush();
+    lastBusy_ = std::max(lastBusy_, now);
     for (const TrainSender::TooBig& refused : sender_->takeTooBig())
         endpoint_->onTooBig(refused.serial, refused.size, clockNow());
 }
@@ -481,6 +487,7 @@ NetStatistics NetDriver::statistics() const {
     const std::lock_guard lock(coreMutex_);
     if (endpoint_)
         endpoint_->addStatistics(result);
+    result.warmSends = sender_ && sender_->warms();
     for (const auto& socket : sockets_) {
         const UdpSocketFeatures& features = socket->features();
         result.systemCallsSend += socket->counters().systemCallsSend;

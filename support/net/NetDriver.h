@@ -102,6 +102,7 @@ private:
     std::vector<std::unique_ptr<UdpSocket>> sockets_;
     std::optional<TrainSender> sender_;
     std::unique_ptr<ReceiveBatch> batch_;
+    Nanoseconds lastBusy_ = 0; ///< when the layer's thread last had something to do
     std::vector<std::uint8_t> trainBuffer_;
     Poller poller_;
 

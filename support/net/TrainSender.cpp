@@ -1,9 +1,18 @@
 #include "support/net/TrainSender.h"
 
+#include <support/jTimer.h>
+
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 namespace kor::detail {
+
+TrainSender::TrainSender(std::vector<std::unique_ptr<UdpSocket>>& sockets, const Options& options)
+    : sockets_(sockets), batch_(options.batch) {
+    if (options.warm)
+        warmer_.open();
+}
 
 bool TrainSender::send(const Outgoing& outgoing) {
     if (blocked()) {
@@ -11,7 +20,7 @@ bool TrainSender::send(const Outgoing& outgoing) {
         return false;
     }
     const bool single = outgoing.bytes.size() <= outgoing.segment;
-    if (!batch_ || !single || outgoing.stamped || outgoing.bytes.size() > kBatchBytes) {
+    if (!batch_ || !single || outgoing.stampAt != 0 || outgoing.bytes.size() > kBatchBytes) {
         if (!flush()) {
             keep(outgoing, 0);
             return false;
@@ -22,7 +31,7 @@ bool TrainSender::send(const Outgoing& outgoing) {
         keep(outgoing, 0);
         return false;
     }
-    std::uint8_t* slot = arena_.data() + gathered_.size() * kBatchBytes;
+    std::uint8_t* const slot = slotAt(gathered_.size());
     std::memcpy(slot, outgoing.bytes.data(), outgoing.bytes.size());
     gatheredSocket_ = outgoing.socket;
     gathered_.push_back({{outgoing.to.getIP(), outgoing.to.getPort()}, {slot, outgoing.bytes.size()}});
@@ -30,7 +39,17 @@ bool TrainSender::send(const Outgoing& outgoing) {
     return gathered_.size() < kBatch || flush();
 }
 
+void TrainSender::stamp(const Outgoing& outgoing) {
+    if (cold_)
+        warmer_.warm();
+    restamp(outgoing.bytes.first(std::min(outgoing.segment, outgoing.bytes.size())), outgoing.stampAt,
+            clockNow());
+}
+
 bool TrainSender::sendNow(const Outgoing& outgoing) {
+    if (outgoing.stampAt != 0)
+        stamp(outgoing);
+    cold_ = false;
     std::size_t sent = 0;
     while (sent < outgoing.bytes.size()) {
         std::size_t part = 0;
@@ -55,6 +74,7 @@ bool TrainSender::sendNow(const Outgoing& outgoing) {
 bool TrainSender::flush() {
     std::size_t begin = 0;
     bool room = true;
+    cold_ = cold_ && gathered_.empty();
     while (begin != gathered_.size() && room) {
         std::size_t sent = 0;
         const SendResult result = sockets_[gatheredSocket_]->sendBatch(
@@ -72,7 +92,11 @@ bool TrainSender::flush() {
     }
     for (; !room && begin != gathered_.size(); ++begin) {
         const OutDatagram& out = gathered_[begin];
-        keep({gatheredSocket_, RTAddr(out.to.ip, out.to.port), out.bytes, out.bytes.size(), false,
+        keep({gatheredSocket_,
+              RTAddr(out.to.ip, out.to.port),
+              {slotAt(begin), out.bytes.size()},
+              out.bytes.size(),
+              0,
               gatheredSerials_[begin]},
              0);
     }
@@ -86,6 +110,8 @@ void TrainSender::keep(const Outgoing& outgoing, std::size_t from) {
     waiting.socket = outgoing.socket;
     waiting.to = outgoing.to;
     waiting.segment = outgoing.segment;
+    // Its first datagram has left when the train was cut.
+    waiting.stampAt = from == 0 ? outgoing.stampAt : 0;
     waiting.serial = outgoing.serial;
     waiting.bytes.assign(outgoing.bytes.begin() + static_cast<std::ptrdiff_t>(from), outgoing.bytes.end());
     waiting_.push_back(std::move(waiting));
@@ -94,8 +120,8 @@ void TrainSender::keep(const Outgoing& outgoing, std::size_t from) {
 bool TrainSender::retry() {
     std::deque<Waiting> waiting = std::exchange(waiting_, {});
     while (!waiting.empty()) {
-        const Waiting& next = waiting.front();
-        if (!sendNow({next.socket, next.to, next.bytes, next.segment, false, next.serial})) {
+        Waiting& next = waiting.front();
+        if (!sendNow({next.socket, next.to, next.bytes, next.segment, next.stampAt, next.serial})) {
             // sendNow() has kept what is left of this one; the others follow behind it.
             waiting.pop_front();
             for (Waiting& later : waiting)

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "support/net/Endpoint.h"
-#include "support/platform/Poller.h"
+#include "support/platform/SendWarmer.h"
 #include "support/platform/UdpSocket.h"
 
 #include <cstdint>
@@ -12,12 +12,19 @@
 namespace kor::detail {
 
 /// Puts an endpoint's datagrams on the sockets: runs as trains, single ones to many peers in batches, stamped
-/// ones at once. What a full socket does not take is kept and goes first when there is room again. Belongs to
-/// one thread at a time.
+/// ones at once and with the time of that moment. What a full socket does not take is kept and goes first
+/// when there is room again. Belongs to one thread at a time.
 class TrainSender final : public DatagramSink {
 public:
-    TrainSender(std::vector<std::unique_ptr<UdpSocket>>& sockets, bool batch)
-        : sockets_(sockets), batch_(batch) {}
+    struct Options {
+        bool batch = true; ///< gather single datagrams
+        bool warm = true;  ///< warm up before stamped ones
+    };
+    TrainSender(std::vector<std::unique_ptr<UdpSocket>>& sockets, const Options& options);
+
+    /// Nothing has been sent or received for some milliseconds.
+    void afterRest() { cold_ = warmer_.isOpen(); }
+    bool warms() const { return warmer_.isOpen(); }
 
     bool send(const Outgoing& outgoing) override;
 
@@ -46,15 +53,20 @@ private:
         std::size_t socket = 0;
         RTAddr to;
         std::size_t segment = 0;
+        std::size_t stampAt = 0;
         std::uint64_t serial = 0;
         std::vector<std::uint8_t> bytes;
     };
 
+    std::uint8_t* slotAt(std::size_t index) { return arena_.data() + index * kBatchBytes; }
     bool sendNow(const Outgoing& outgoing);
+    void stamp(const Outgoing& outgoing);
     void keep(const Outgoing& outgoing, std::size_t from);
 
     std::vector<std::unique_ptr<UdpSocket>>& sockets_;
     bool batch_;
+    SendWarmer warmer_;
+    bool cold_ = false;
     std::deque<Waiting> waiting_;
     std::vector<TooBig> tooBig_;
     std::vector<std::uint8_t> arena_ = std::vector<std::uint8_t>(kBatch * kBatchBytes);

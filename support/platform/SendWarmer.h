@@ -1,0 +1,27 @@
+#pragma once
+
+#include "support/platform/FileDescriptor.h"
+#include "support/platform/SocketAddress.h"
+
+namespace kor::detail {
+
+/// Warms up a datagram's way into the network.
+///
+/// A processor that has slept for some milliseconds has gone cold: the first datagram then leaves 20 to 40
+/// microseconds after the time stamp that it carries, the next ones 2. So the first one goes to ourselves,
+/// over loopback. Belongs to one thread.
+class SendWarmer {
+public:
+    /// False when the system gives no socket or has no loopback; warm() then does nothing.
+    bool open();
+    void close() { fd_.close(); }
+    bool isOpen() const { return fd_.valid(); }
+
+    void warm();
+
+private:
+    FileDescriptor fd_;
+    SocketAddress self_;
+};
+
+} // namespace kor::detail
