@@ -13,7 +13,7 @@ constexpr Nanoseconds kReorderCalm = kSecond; // without a spurious repair the w
 constexpr Nanoseconds kFirstRoundTrip = 5 * kMillisecond; // when nobody has measured one
 constexpr Nanoseconds kLeastVariation = 250 * kMicrosecond;
 constexpr Nanoseconds kSilence = 100 * kMillisecond;
-constexpr Nanoseconds kRest = 200 * kMillisecond; // the same after the first beat
+constexpr Nanoseconds kRest = 250 * kMillisecond; // the same after the first beat
 constexpr Nanoseconds kFirstQuery = 10 * kMillisecond;
 constexpr int kLeastBeats = 8;                       // so many within the timeout, however short that is
 constexpr Nanoseconds kBeatGrid = 25 * kMillisecond; // beats of many connections leave together
@@ -307,8 +307,11 @@ bool Connection::ourTurn() const {
 Nanoseconds Connection::beatDue() const {
     if (inVolley())
         return nextVolley_;
-    const Nanoseconds silence = std::min(resting_ ? kRest : kSilence, config_.timeout / kLeastBeats);
-    const Nanoseconds due = std::max(lastHeard_, lastBeat_) + silence + (ourTurn() ? 0 : silence / 2);
+    const bool owesAnswer = lastHeard_ <= lastBeat_ && lastPing_ == lastBeat_;
+    const Nanoseconds usual = resting_ && !owesAnswer ? kRest : kSilence;
+    const Nanoseconds silence = std::min(usual, config_.timeout / kLeastBeats);
+    const Nanoseconds patience = ourTurn() || owesAnswer ? 0 : silence / 2;
+    const Nanoseconds due = std::max(lastHeard_, lastBeat_) + silence + patience;
     return config_.initiator ? due : (due / kBeatGrid + 1) * kBeatGrid;
 }
 

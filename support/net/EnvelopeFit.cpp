@@ -43,7 +43,7 @@ public:
                     back_.weight() * (back_.meanTime() - back.time) - pull(slope)};
     }
 
-    /// The most likely slope, to a thousandth of a nanosecond per second.
+    /// The most likely slope, to a hundredth of a nanosecond per second.
     double best(double guess) const {
         // Brackets the maximum around the guess, then cuts: bisection by the sign of the derivative.
         double step = 100;
@@ -54,7 +54,7 @@ public:
         step = 100;
         while (high < kMaxSlope && at(high).rise > 0)
             high = std::min(kMaxSlope, high + (step *= 4));
-        for (int i = 0; i < kMaxSteps && high - low > 1e-3; ++i) {
+        for (int i = 0; i < kMaxSteps && high - low > 1e-2; ++i) {
             const double middle = low + (high - low) / 2;
             (at(middle).rise > 0 ? low : high) = middle;
         }

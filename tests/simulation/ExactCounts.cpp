@@ -107,11 +107,11 @@ std::vector<Case> cases() {
             frames(world, 1, 0, 0);
             world.runFor(10 * kSecond);
         },
-        {114, 770873, 0, 0, 0, 67, 47});
+        {105, 770312, 0, 0, 0, 58, 47});
     add("Frames", ethernet(), frameWall, {8564, 13000020, 7200, 0, 0, 1048, 156});
     add("FramesAtOnePercentLoss", lossy(0.01), frameWall, {8727, 13112388, 7282, 82, 99057, 1129, 156});
     add("FramesAtTwentyPercentLoss", lossy(0.2), frameWall,
-        {12342, 16207118, 9869, 2669, 2826096, 2404, 160});
+        {12299, 16225668, 9839, 2639, 2850336, 2373, 162});
     add("Bulk", ethernet(), [](World& world) { bulk(world, kMegabyte, 32); },
         {23954, 35022613, 23360, 0, 0, 567, 25});
     add("BulkOnJumboFrames", {}, [](World& world) { bulk(world, kMegabyte, 32); },
@@ -180,7 +180,7 @@ std::vector<Case> cases() {
             slave.resume();
             world.settle();
         },
-        {1463, 2334827, 1536, 11, 8874, 170, 47});
+        {1462, 2334779, 1539, 11, 8874, 167, 49});
 
     HostModel drifting;
     drifting.driftPpm = 100;
@@ -189,7 +189,7 @@ std::vector<Case> cases() {
         {4404, 8038020, 3600, 0, 0, 568, 156});
 
     add("TwoHundredAndFiftySlaves", lossy(0.01), [](World& world) { frames(world, 250, 12, 1024); },
-        {26621, 195790027, 6114, 114, 74338, 10765, 9745});
+        {26616, 195773646, 6114, 114, 74338, 10763, 9742});
 
     add("WrappingNumbers", lossy(0.01), frameWall, {8727, 13112388, 7282, 82, 99057, 1129, 156});
     all.back().model.firstPacketId = (1ull << 32) - 50;
