@@ -180,14 +180,17 @@ void NetDriver::receive() {
             continue;
         for (int round = 0; round != kBatchesPerTurn; ++round) {
             const std::lock_guard lock(coreMutex_);
-            sockets_[i]->receive(*batch_);
+            const std::size_t most = expectsMany_ ? ReceiveBatch::kSlots : 1;
+            const std::size_t runs = sockets_[i]->receive(*batch_, most);
+            // One that we slept for is likely to be alone. If not, it is seen before the next sleep.
+            expectsMany_ = runs > 1 || (runs == 1 && (*batch_)[0].arrival <= lastBusy_);
             for (const ReceivedRun& run : *batch_) {
                 lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
                 for (std::size_t n = 0; n != run.datagramCount(); ++n)
                     endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
             }
-            if (!batch_->full())
+            if (runs < most || most == 1)
                 break;
         }
     }

@@ -103,6 +103,7 @@ private:
     std::optional<TrainSender> sender_;
     std::unique_ptr<ReceiveBatch> batch_;
     Nanoseconds lastBusy_ = 0; ///< when the layer's thread last had something to do
+    bool expectsMany_ = true;  ///< more than one datagram waits when one does
     std::vector<std::uint8_t> trainBuffer_;
     Poller poller_;
 

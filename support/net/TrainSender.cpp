@@ -20,6 +20,10 @@ bool TrainSender::send(const Outgoing& outgoing) {
         return false;
     }
     const bool single = outgoing.bytes.size() <= outgoing.segment;
+    // A stamp must not wait for the others, nor hold them up.
+    if (outgoing.stampAt != 0 && single &&
+        std::ranges::find(gatheredSerials_, outgoing.serial) == gatheredSerials_.end())
+        return sendNow(outgoing);
     if (!batch_ || !single || outgoing.stampAt != 0 || outgoing.bytes.size() > kBatchBytes) {
         if (!flush()) {
             keep(outgoing, 0);

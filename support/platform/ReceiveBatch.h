@@ -52,9 +52,6 @@ public:
     const ReceivedRun* begin() const { return runs_.get(); }
     const ReceivedRun* end() const { return runs_.get() + count_; }
 
-    /// True when every slot was used, so that more may be waiting.
-    bool full() const { return count_ == kSlots; }
-
 private:
     friend class UdpSocket;
     struct Headers;

@@ -88,9 +88,10 @@ public:
     /// first that has not (so datagrams[sentCount] is to be skipped or tried again), or `sent`.
     SendResult sendBatch(std::span<const OutDatagram> datagrams, std::size_t& sentCount);
 
-    /// Takes in what is waiting, as far as the batch has room, replacing what the batch held. Returns its
-    /// size; with room left, nothing more was waiting.
-    std::size_t receive(ReceiveBatch& batch);
+    /// Takes in what is waiting, `most` runs of it (1 to ReceiveBatch::kSlots), replacing what the batch
+    /// held. Returns its size; when that is less, nothing more was waiting. To find that out costs as much as
+    /// half a datagram.
+    std::size_t receive(ReceiveBatch& batch, std::size_t most = ReceiveBatch::kSlots);
 
     const UdpSocketFeatures& features() const { return features_; }
     const UdpSocketCounters& counters() const { return counters_; }
@@ -100,8 +101,8 @@ private:
     bool sendSegmented(const SocketAddress& to, std::span<const std::uint8_t> bytes, std::size_t segmentSize);
     template <class DatagramAt>
     SendResult sendEach(std::size_t count, std::size_t& sent, DatagramAt datagramAt);
-    std::size_t receiveMany(ReceiveBatch& batch);
-    std::size_t receiveOneByOne(ReceiveBatch& batch);
+    std::size_t receiveMany(ReceiveBatch& batch, std::size_t most);
+    std::size_t receiveOneByOne(ReceiveBatch& batch, std::size_t most);
     void describe(ReceiveBatch& batch, std::size_t slot);
 
     FileDescriptor fd_;

@@ -58,9 +58,10 @@ void ReceiveBatch::reset() {
 
 ReceiveBatch::~ReceiveBatch() = default;
 
-std::size_t UdpSocket::receive(ReceiveBatch& batch) {
+std::size_t UdpSocket::receive(ReceiveBatch& batch, std::size_t most) {
     batch.reset();
-    const std::size_t received = features_.batchReceive ? receiveMany(batch) : receiveOneByOne(batch);
+    const std::size_t received =
+        features_.batchReceive ? receiveMany(batch, most) : receiveOneByOne(batch, most);
     batch.count_ = received;
     if (received == 0)
         return 0;
@@ -70,9 +71,10 @@ std::size_t UdpSocket::receive(ReceiveBatch& batch) {
     return received;
 }
 
-std::size_t UdpSocket::receiveMany(ReceiveBatch& batch) {
+std::size_t UdpSocket::receiveMany(ReceiveBatch& batch, std::size_t most) {
     const int received = retried(counters_.systemCallsReceive, [&] {
-        return ::recvmmsg(fd(), batch.headers_->messages.data(), ReceiveBatch::kSlots, MSG_DONTWAIT, nullptr);
+        return ::recvmmsg(fd(), batch.headers_->messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT,
+                          nullptr);
     });
     batch.headers_->changed = received > 0 ? static_cast<std::size_t>(received) : 0;
     if (received >= 0)
@@ -80,12 +82,12 @@ std::size_t UdpSocket::receiveMany(ReceiveBatch& batch) {
     if (errno != ENOSYS && errno != EPERM)
         return 0;
     features_.batchReceive = false;
-    return receiveOneByOne(batch);
+    return receiveOneByOne(batch, most);
 }
 
-std::size_t UdpSocket::receiveOneByOne(ReceiveBatch& batch) {
+std::size_t UdpSocket::receiveOneByOne(ReceiveBatch& batch, std::size_t most) {
     std::size_t count = 0;
-    for (; count < ReceiveBatch::kSlots; ++count) {
+    for (; count < most; ++count) {
         mmsghdr& message = batch.headers_->messages[count];
         const auto length = retried(counters_.systemCallsReceive,
                                     [&] { return ::recvmsg(fd(), &message.msg_hdr, MSG_DONTWAIT); });
