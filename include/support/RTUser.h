@@ -32,7 +32,7 @@ public:
     /// Queues a copy of the bytes as one packet and returns at once, whatever the peer does. The identifier
     /// is unique on this connection and comes back in `RTPacketHandler::onSendOver`. Refused with `kRefused`:
     /// null, a size below 1 or over the largest packet, a queue over its limit (`NetOptions`), an ended
-    /// connection.
+    /// connection, a lack of memory.
     std::uint64_t sendAsyn(const void* data, int size);
 
     /// Writes the connection's statistics to the log, as messages.

@@ -196,16 +196,14 @@ void NetDriver::receive() {
     }
 }
 
-void NetDriver::noteOutbox(std::uint64_t serial) {
+bool NetDriver::noteOutbox(std::uint64_t serial) {
     if (onLayerThread()) {
         ownOutboxes_.push_back(serial);
-        return;
+        return false;
     }
-    {
-        const std::lock_guard lock(outboxMutex_);
-        outboxes_.push_back(serial);
-    }
-    wake();
+    const std::lock_guard lock(outboxMutex_);
+    outboxes_.push_back(serial);
+    return true;
 }
 
 void NetDriver::takeOutboxes() {

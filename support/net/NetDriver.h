@@ -64,8 +64,9 @@ public:
     Times times() const;
     void setTimes(const Times& times);
 
-    /// From NetPeer, any thread: there is something in that connection's outbox.
-    void noteOutbox(std::uint64_t serial);
+    /// From NetPeer, any thread: there is something in that connection's outbox. True when the layer's thread
+    /// must be woken for it. Throws `std::bad_alloc`, and then has noted nothing.
+    bool noteOutbox(std::uint64_t serial);
 
     ConnectionStatistics connectionStatistics(std::uint64_t serial) const;
     NetStatistics statistics() const;

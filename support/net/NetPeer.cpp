@@ -2,7 +2,9 @@
 
 #include "support/net/NetDriver.h"
 
+#include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace kor::detail {
@@ -19,19 +21,26 @@ std::uint64_t NetPeer::enqueue(const void* data, int size) {
     std::memcpy(block.data(), data, bytes);
 
     std::uint64_t id = 0;
-    bool first = false;
-    {
+    bool wake = false;
+    try {
         const std::lock_guard lock(sendMutex_);
         if (!takes(bytes))
             return RTUser::kRefused;
-        queuedBytes_ += bytes;
-        first = outbox_.empty();
+        // What may want memory comes first, so that being refused some leaves all as it was.
+        undelivered_.makeRoom();
+        if (outbox_.size() == outbox_.capacity())
+            outbox_.reserve(std::max<std::size_t>(8, 2 * outbox_.size()));
+        if (outbox_.empty())
+            wake = driver_.noteOutbox(serial_); // whoever looks at once waits for our lock
         outbox_.push_back(std::move(block));
+        queuedBytes_ += bytes;
         id = undelivered_.end();
         undelivered_.push(bytes);
+    } catch (const std::bad_alloc&) {
+        return RTUser::kRefused;
     }
-    if (first)
-        driver_.noteOutbox(serial_);
+    if (wake)
+        driver_.wake();
     return id;
 }
 

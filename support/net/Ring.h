@@ -26,9 +26,14 @@ public:
     const T& front() const { return (*this)[begin_]; }
     T& back() { return (*this)[end_ - 1]; }
 
-    void push(T value) {
+    /// The next push() needs no memory.
+    void makeRoom() {
         if (size() == capacity_)
             grow();
+    }
+
+    void push(T value) {
+        makeRoom();
         (*this)[end_++] = std::move(value);
     }
 

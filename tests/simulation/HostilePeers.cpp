@@ -2,43 +2,22 @@
 
 #include "support/net/Endpoint.h"
 
-#include <gtest/gtest.h>
+#include "tests/ReplacedNew.h"
 
-#include <malloc.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
-#include <new>
 #include <optional>
 #include <span>
 #include <vector>
 
-namespace {
-std::atomic<std::int64_t> liveBytes{0}; ///< of containers; packets come from the library's own allocator
-} // namespace
-
-void* operator new(std::size_t size) {
-    void* const block = std::malloc(size);
-    if (block == nullptr)
-        throw std::bad_alloc();
-    liveBytes += static_cast<std::int64_t>(malloc_usable_size(block));
-    return block;
-}
-void operator delete(void* block) noexcept {
-    if (block != nullptr)
-        liveBytes -= static_cast<std::int64_t>(malloc_usable_size(block));
-    std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    operator delete(block);
-}
-
 namespace kor::detail {
 namespace {
+
+using testing_support::liveBytes;
 
 constexpr std::int64_t kMegabyte = 1 << 20;
 const RTAddr kAttackerAddr(0x0A000002, 666);

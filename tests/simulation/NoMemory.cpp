@@ -1,0 +1,61 @@
+// What happens when the system has no memory left.
+
+#include "support/net/NetDriver.h"
+#include "support/net/NetPeer.h"
+#include "tests/ReplacedNew.h"
+#include "tests/simulation/world/Random.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace kor::simulation {
+
+static double refusedBlocks = 0; ///< share of the packets' blocks
+static Random dice(1);
+
+// The linker puts the first in the place of the library's tryAllocate(), which is then the second.
+void* tryAllocateOrNot(std::size_t size) asm("__wrap__ZN3kor6detail11tryAllocateEm");
+void* tryAllocateReally(std::size_t size) asm("__real__ZN3kor6detail11tryAllocateEm");
+
+void* tryAllocateOrNot(std::size_t size) {
+    return dice.chance(refusedBlocks) ? nullptr : tryAllocateReally(size);
+}
+
+TEST(NoMemory, ARefusedSendChangesNothing) {
+    using testing_support::allocationsLeft;
+    constexpr std::uint32_t kPackets = 40;
+    detail::NetDriver driver;
+    // A refused packet that left its bytes booked would take the room of a later one.
+    detail::NetPeer peer(driver, RTAddr(1, 1), 1, 1000, kPackets * sizeof(std::uint32_t));
+    int refusals = 0;
+    for (std::uint32_t i = 0; i != kPackets; ++i) {
+        refusedBlocks = 1;
+        EXPECT_EQ(peer.enqueue(&i, sizeof i), RTUser::kRefused);
+        refusedBlocks = 0;
+        // At one allocation after the other, until all that it needs are granted.
+        std::uint64_t id = RTUser::kRefused;
+        for (int granted = 0; granted != 10 && id == RTUser::kRefused; ++granted) {
+            allocationsLeft = granted;
+            EXPECT_NO_THROW(id = peer.enqueue(&i, sizeof i));
+            allocationsLeft = -1;
+            refusals += id == RTUser::kRefused ? 1 : 0;
+        }
+        EXPECT_EQ(id, i + 1);
+    }
+    EXPECT_GT(refusals, 6); // all three containers, and two of them more than once
+
+    std::vector<detail::Block> blocks;
+    peer.takeOutbox(blocks);
+    ASSERT_EQ(blocks.size(), kPackets);
+    for (std::uint32_t i = 0; i != kPackets; ++i) {
+        EXPECT_EQ(std::memcmp(blocks[i].data(), &i, sizeof i), 0);
+        EXPECT_EQ(peer.delivered(), i + 1);
+    }
+    EXPECT_EQ(peer.delivered(), RTUser::kRefused);
+}
+
+} // namespace kor::simulation
