@@ -1,15 +1,16 @@
-// What happens when the system has no memory left.
+// What happens when the system has no memory left: for packets to be sent, and for packets that arrive.
 
 #include "support/net/NetDriver.h"
 #include "support/net/NetPeer.h"
 #include "tests/ReplacedNew.h"
-#include "tests/simulation/world/Random.h"
+#include "tests/simulation/world/World.h"
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace kor::simulation {
@@ -56,6 +57,39 @@ TEST(NoMemory, ARefusedSendChangesNothing) {
         EXPECT_EQ(peer.delivered(), i + 1);
     }
     EXPECT_EQ(peer.delivered(), RTUser::kRefused);
+}
+
+TEST(NoMemory, PacketsThatFindNoneArriveLater) {
+    World world({});
+    Host& master = world.addHost();
+    Host& slave = world.addHost();
+    slave.connect(master);
+    world.runFor(50 * kMillisecond);
+    Random sizes(2);
+    for (int i = 0; i != 60; ++i) {
+        master.send(slave, sizes.size(1, 400'000));
+        slave.send(master, sizes.size(1, 3'000));
+    }
+
+    refusedBlocks = 1;
+    world.runFor(500 * kMillisecond);
+    for (const auto& [receiver, sender] : {std::pair{&slave, &master}, std::pair{&master, &slave}}) {
+        const detail::Connection* connection = receiver->connectionTo(*sender);
+        ASSERT_NE(connection, nullptr);
+        EXPECT_EQ(connection->statistics(0).packetsReceived, 0u);
+        EXPECT_EQ(connection->heldBytes(), 0u);
+        EXPECT_GT(connection->malformed().overLimit, 0u);
+    }
+
+    refusedBlocks = 0.5; // of first blocks as well as of larger ones for packets begun
+    world.runFor(200 * kMillisecond);
+    EXPECT_GT(world.ledger().packetsDelivered(), 0u);
+    refusedBlocks = 0;
+    world.settle();
+    world.rest();
+    EXPECT_EQ(world.ledger().packetsDelivered(), 120u);
+    EXPECT_EQ(world.ledger().connections().size(), 1u);
+    EXPECT_TRUE(world.faults().none()) << world.faults().text();
 }
 
 } // namespace kor::simulation
