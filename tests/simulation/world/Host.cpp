@@ -1,5 +1,6 @@
 #include "Host.h"
 
+#include "Stamps.h"
 #include "World.h"
 
 #include <algorithm>
@@ -41,7 +42,7 @@ Nanoseconds Host::clock() const {
 }
 
 Nanoseconds Host::trueTimeOf(Nanoseconds local) const {
-    if (local > INT64_MAX / 2)
+    if (local == kNever)
         return kNever;
     if (local <= clock())
         return world_.now();
@@ -166,10 +167,14 @@ void Host::turn(std::uint64_t token) {
 
 void Host::readSocket() {
     while (!socket_.empty()) {
-        const Waiting next = std::move(socket_.front());
+        Waiting next = std::move(socket_.front());
         socket_.pop_front();
         socketBytes_ -= next.bytes.size() + kKernelBytesPerDatagram;
         world_.tap().read(next.from, index_, next.bytes.size());
+        if (model_.stampsAhead != 0)
+            changeStamps(next.bytes, [this](detail::TimeFrame& time) {
+                time.echoSent = detail::elapsed(time.echoSent, model_.stampsAhead);
+            });
         endpoint_->onDatagram(0, next.source, next.bytes, next.arrival);
         noteConnections();
         busyTurn_ = true;
@@ -287,7 +292,16 @@ bool Host::send(const detail::Outgoing& outgoing) {
                 break;
             }
         }
-        world_.transmit(*this, outgoing.to, datagram);
+        if (model_.stampsAhead == 0) {
+            world_.transmit(*this, outgoing.to, datagram);
+            continue;
+        }
+        std::vector<std::uint8_t> stamped(datagram.begin(), datagram.end());
+        changeStamps(stamped, [this](detail::TimeFrame& time) {
+            time.sent = detail::elapsed(time.sent, -model_.stampsAhead);
+            time.echoReceived = detail::elapsed(time.echoReceived, -model_.stampsAhead);
+        });
+        world_.transmit(*this, outgoing.to, stamped);
     }
     socketFull_ = random_.chance(model_.fullSocket);
     return !socketFull_;

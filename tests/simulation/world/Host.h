@@ -19,8 +19,10 @@ class World;
 
 /// One computer with one process, as a simulated world sees it.
 struct HostModel {
-    double driftPpm = 0;                            ///< by how much its clock runs fast
-    Nanoseconds clockZero = 0;                      ///< what its clock shows when the world begins
+    double driftPpm = 0;       ///< by how much its clock runs fast
+    Nanoseconds clockZero = 0; ///< what its clock shows when the world begins
+    Nanoseconds stampsAhead =
+        0; ///< of its clock: stamps may wrap, but the clock that a process waits by may not
     std::uint32_t socketBuffer = 8u << 20;          ///< what its kernel really holds
     std::uint32_t announcedSocketBuffer = 8u << 20; ///< what it tells its peers
     Nanoseconds wakeLatency = 5 * kMicrosecond;     ///< from an arrival or a deadline to the process running
@@ -45,6 +47,8 @@ public:
     HostModel& model() { return model_; }
     Nanoseconds clock() const; ///< what its clock shows now
     Nanoseconds clockAt(Nanoseconds trueTime) const;
+    /// What its peers take for its clock.
+    Nanoseconds stamp() const { return detail::elapsed(clock(), -model_.stampsAhead); }
 
     // What the process does.
     void connect(const Host& to, Nanoseconds tryDuration = kSecond, int tries = 3);
