@@ -1,3 +1,4 @@
+#include "tests/Sanitized.h"
 #include "tests/simulation/world/RandomScenario.h"
 #include "tests/simulation/world/World.h"
 #include "tests/TestArguments.h"
@@ -14,14 +15,7 @@ namespace kor::simulation {
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized =
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
+using testing_support::kSanitized;
 
 bool hasFlag(const std::string& flag) {
     return std::ranges::find(testArguments(), flag) != testArguments().end();

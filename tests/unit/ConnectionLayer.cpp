@@ -1,5 +1,7 @@
 // The connection layer over real sockets on loopback: events, packets, notices, handlers and their threads.
 
+#include "tests/unit/ConnectionFixture.h"
+
 #include <support/AtomicLock.h>
 #include <support/jAllocator.h>
 #include <support/memInfo.h>
@@ -9,10 +11,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstring>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,84 +18,8 @@
 namespace {
 
 using namespace kor;
+using namespace kor::testing_support;
 using namespace std::chrono_literals;
-
-/// What happened on one side, readable from the test's thread.
-class Recorder : public RTUserHandler, public RTPacketHandler {
-public:
-    explicit Recorder(RTNet& net) : net_(net) {}
-
-    void onConnect(const RTAddr& addr, bool established) override {
-        RTUser* peer = established ? net_.getUserByAddr(addr) : nullptr;
-        if (peer != nullptr)
-            peer->setPacketHandler(this);
-        note(established ? (peer != nullptr ? "connect" : "connect without user") : "failed",
-             [&] { user = peer; });
-    }
-    void onReConnect(const RTAddr&) override {
-        note("reconnect", [&] { user = nullptr; });
-    }
-    void onDisConnect(const RTAddr&) override {
-        note("disconnect", [&] { user = nullptr; });
-    }
-    void onConnectLost(const RTAddr&) override {
-        note("lost", [&] { user = nullptr; });
-    }
-    void onPacket(RTUser* from, Packet* packet) override {
-        if (packetHook)
-            packetHook(from, packet);
-        note("", [&] { packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size); });
-    }
-    void onSendOver(RTUser*, RS_SendPacketsQueue* send) override {
-        note("", [&] { notices.push_back(send->id); });
-    }
-
-    template <typename Condition>
-    bool await(Condition condition, std::chrono::seconds limit = 60s) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, limit, condition);
-    }
-    bool awaitEvents(std::vector<std::string> expected) {
-        await([&] { return events.size() >= expected.size(); });
-        const std::lock_guard lock(mutex_);
-        EXPECT_EQ(events, expected);
-        return events == expected;
-    }
-
-    std::vector<std::string> events;
-    std::vector<std::string> packets;
-    std::vector<std::uint64_t> notices;
-    RTUser* user = nullptr;
-    std::function<void(RTUser*, Packet*)> packetHook;
-
-private:
-    template <typename Change>
-    void note(const char* event, Change change) {
-        {
-            const std::lock_guard lock(mutex_);
-            change();
-            if (*event != '\0')
-                events.emplace_back(event);
-        }
-        changed_.notify_all();
-    }
-
-    RTNet& net_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-};
-
-struct Side {
-    RTNet net;
-    Recorder recorder{net};
-
-    bool open(unsigned short port = 0) {
-        net.setUserHandler(&recorder);
-        return net.init(port);
-    }
-    unsigned short port() { return net.getLocalPorts().data[0]; }
-    ~Side() { net.release(); }
-};
 
 struct Pair : testing::Test {
     Side a; // connects
@@ -111,15 +33,6 @@ struct Pair : testing::Test {
         ASSERT_TRUE(b.recorder.awaitEvents({"connect"}));
     }
 };
-
-std::string text(std::size_t size, unsigned seed) {
-    std::string result(size, '\0');
-    for (char& c : result) {
-        seed = seed * 1664525u + 1013904223u;
-        c = static_cast<char>(seed >> 24);
-    }
-    return result;
-}
 
 using ConnectionLayer = Pair;
 
