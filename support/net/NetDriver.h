@@ -127,16 +127,11 @@ private:
         std::uint64_t serial = 0;
         std::uint32_t size = 0;
     };
-    struct Accepted {
-        std::uint64_t serial = 0;
-        Block bytes;
-    };
     Ring<NetEvent> dispatching_; ///< taken from the endpoint together
     std::vector<HandedUp> handedUp_;
     std::vector<std::uint64_t> ownOutboxes_; ///< those that callbacks have filled
     std::vector<std::uint64_t> takenOutboxes_;
     std::vector<Block> takenBlocks_;
-    std::vector<Accepted> accepted_;
     User* lastUser_ = nullptr; ///< what userOf() found last
     Nanoseconds deadline_ = kNow;
     bool inCallback_ = false;
