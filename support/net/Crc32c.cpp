@@ -41,11 +41,16 @@ std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
                                      : crc32cPortable(bytes, crc);
 }
 
-std::uint32_t crc32cCopy(std::span<const std::uint8_t> bytes, std::uint8_t* copyTo, std::uint32_t crc) {
-    if (crc32cHardwareAvailable())
-        return crc32cHardwareCopy(crc, bytes.data(), bytes.size(), copyTo);
+std::uint32_t crc32cCopy(std::span<const std::uint8_t> head, std::span<const std::uint8_t> bytes,
+                         std::uint8_t* copyTo, std::uint32_t crc) {
+    if (crc32cHardwareAvailable()) {
+        // A head that has just been written field by field makes the wide loads of the sum wait for all
+        // stores before them, which are those of the last copy. After this copy they are done.
+        const std::uint32_t back = crc32cHardwareCopy(0, bytes.data(), bytes.size(), copyTo);
+        return crc32cHardwareJoin(crc32cHardware(crc, head.data(), head.size()), back, bytes.size());
+    }
     std::memcpy(copyTo, bytes.data(), bytes.size());
-    return crc32cPortable(bytes, crc);
+    return crc32cPortable(bytes, crc32cPortable(head, crc));
 }
 
 std::uint32_t crc32cPortable(std::span<const std::uint8_t> bytes, std::uint32_t crc) {

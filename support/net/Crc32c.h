@@ -10,8 +10,10 @@ namespace kor::detail {
 /// `crc` is the sum of the bytes that come before these, 0 when there are none. Any thread.
 std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);
 
-/// The same, and copies the bytes to `copyTo`, which must not overlap them: reads them once for both.
-std::uint32_t crc32cCopy(std::span<const std::uint8_t> bytes, std::uint8_t* copyTo, std::uint32_t crc = 0);
+/// The sum of `head` and then `bytes`. Copies the bytes to `copyTo`, which must not overlap them: reads them
+/// once for both, and the head after them.
+std::uint32_t crc32cCopy(std::span<const std::uint8_t> head, std::span<const std::uint8_t> bytes,
+                         std::uint8_t* copyTo, std::uint32_t crc = 0);
 
 /// The same sum without the instruction: eight tables, eight bytes a step (Kounavis and Berry, 2005).
 std::uint32_t crc32cPortable(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);

@@ -122,10 +122,7 @@ bool DatagramWriter::addFragment(const FragmentFrame& fragment) {
     store32(to + 4, fragment.packetSize);
     store32(to + 8, fragment.offset);
     store16(to + 12, static_cast<std::uint16_t>(length));
-    size_ -= length;
-    sumUp();
-    sum_ = crc32cCopy(fragment.bytes, to + 14, sum_);
-    size_ += length;
+    sum_ = crc32cCopy(buffer_.subspan(summed_, size_ - length - summed_), fragment.bytes, to + 14, sum_);
     summed_ = size_;
     ++fragments_;
     return true;

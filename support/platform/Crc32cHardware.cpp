@@ -104,6 +104,20 @@ template <typename To>
     return ~result;
 }
 
+/// Moves a CRC past `size` bytes of zero.
+[[gnu::target("sse4.2,pclmul")]] std::uint32_t moved(std::uint32_t crc, std::size_t size) {
+    std::uint64_t wide = crc;
+    while (size >= kWordBytes) {
+        const std::size_t words = std::min(size / kWordBytes, 2 * kMaxWords);
+        wide = _mm_crc32_u64(0, multiply(wide, kShifts[words]));
+        size -= words * kWordBytes;
+    }
+    auto result = static_cast<std::uint32_t>(wide);
+    for (; size > 0; --size)
+        result = _mm_crc32_u8(result, 0);
+    return result;
+}
+
 } // namespace
 
 bool crc32cHardwareAvailable() {
@@ -118,6 +132,10 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::s
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
                                  std::uint8_t* copyTo) {
     return sum(crc, data, size, copyTo);
+}
+
+std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t back, std::size_t backSize) {
+    return moved(front, backSize) ^ back;
 }
 
 } // namespace kor::detail
@@ -136,6 +154,10 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t*, std::size_t
 
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t*, std::size_t, std::uint8_t*) {
     return crc;
+}
+
+std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t, std::size_t) {
+    return front;
 }
 
 } // namespace kor::detail

@@ -62,9 +62,11 @@ TEST(Crc32c, WaysAgreeAndContinue) {
         ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
         ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole);
         Bytes copy(size + 1);
-        ASSERT_EQ(crc32cCopy(part, copy.data()), whole);
-        ASSERT_TRUE(std::equal(part.begin(), part.end(), copy.begin()));
-        ASSERT_EQ(copy.back(), 0) << "written behind the end";
+        ASSERT_EQ(crc32cCopy(part.first(split), part.subspan(split), copy.data()), whole);
+        ASSERT_EQ(crc32cCopy(part.first(split), part.subspan(split), copy.data(), 7),
+                  crc32cPortable(part, 7));
+        ASSERT_TRUE(std::equal(part.begin() + static_cast<std::ptrdiff_t>(split), part.end(), copy.begin()));
+        ASSERT_EQ(copy[size - split], 0) << "written behind the end";
     }
 }
 
