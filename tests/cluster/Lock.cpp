@@ -15,10 +15,7 @@ TEST_F(Lock, ThreeSlavesShowTheMastersFramesAndReportBack) {
     EXPECT_TRUE(await([&] { return master().last("status").count("introduced") == 3; }));
     for (auto& node : slaves()) {
         EXPECT_NE(master().last("status").text("names").find(node->name()), std::string::npos);
-        // The estimate of the master's clock is as good as it says.
-        EXPECT_TRUE(await([&] {
-            return node->offsetError(master()) <= node->status().number("bound_ms") + 0.001;
-        })) << node->offsetError(master());
+        expectClockWithinBound(*node);
     }
     // Each reports its position once a second; before the first report it stands at -1.
     EXPECT_TRUE(await([&] {

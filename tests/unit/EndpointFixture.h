@@ -10,6 +10,8 @@
 #include <support/BufferWriter.h>
 #include <support/jLog.h>
 #include <support/jTimer.h>
+#include <support/profile.h>
+#include <support/RTNet.h>
 #include <support/RTUser.h>
 #include <support/SocketUDP.h>
 
@@ -20,6 +22,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -70,6 +73,26 @@ private:
     std::shared_ptr<Store> store_ = std::make_shared<Store>(); // a replaced handler may run a little longer
 };
 
+/// Takes the profiler's values while it lives.
+struct Profile {
+    std::vector<std::string> labels;
+    std::vector<float> values;
+    std::map<std::string, float> last; ///< by label
+
+    Profile() {
+        setProfileHandler([this](const char* label, float value, const vec4&) {
+            labels.emplace_back(label);
+            values.push_back(value);
+            last[label] = value;
+        });
+    }
+    ~Profile() { setProfileHandler({}); }
+};
+
+inline const RTAddr kA(0x0A000001, 1);
+inline const RTAddr kB(0x0A000002, 2);
+inline const RTAddr kC(0x0A000003, 3);
+
 struct FakePeer {
     static constexpr std::uint64_t kQueueLimit = 1 << 20;
 
@@ -103,6 +126,46 @@ public:
 
     double offset = -1e9;
     std::vector<RTPacketHandler*> handlers; ///< every one that was set
+};
+
+/// A connection layer and nothing above it: takes everybody in and writes down what it hears.
+class BarePeer final : RTUserHandler, RTPacketHandler {
+public:
+    BarePeer() {
+        net.setUserHandler(this);
+        EXPECT_TRUE(net.init(0));
+    }
+    ~BarePeer() { net.release(); }
+    unsigned short port() { return net.getLocalPorts()[0]; }
+
+    std::vector<std::string> heard() {
+        const std::lock_guard lock(mutex);
+        return packets;
+    }
+
+    RTNet net;
+    std::atomic<RTUser*> user{nullptr};      ///< the newest connection
+    std::atomic<std::uint64_t> delivered{0}; ///< packets that it has sent
+
+private:
+    void onConnect(const RTAddr& addr, bool established) override {
+        if (established) {
+            RTUser* connection = net.getUserByAddr(addr);
+            connection->setPacketHandler(this);
+            user = connection;
+        }
+    }
+    void onReConnect(const RTAddr&) override { user = nullptr; }
+    void onDisConnect(const RTAddr&) override { user = nullptr; }
+    void onConnectLost(const RTAddr&) override { user = nullptr; }
+    void onPacket(RTUser*, Packet* packet) override {
+        const std::lock_guard lock(mutex);
+        packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size);
+    }
+    void onSendOver(RTUser*, RS_SendPacketsQueue*) override { ++delivered; }
+
+    std::mutex mutex;
+    std::vector<std::string> packets;
 };
 
 /// Hands a packet to a handler as the connection layer does: frees the bytes unless the handler has taken
@@ -146,6 +209,14 @@ inline std::string applicationRecordOf(signed char code, int payload) {
             writer.writeUChar(0xA5);
         }
         endRecord(writer, start);
+    });
+}
+/// The head of a record that claims that length, whatever follows.
+inline std::string headOf(int length) {
+    return written([&](BufferWriter& writer) {
+        writer.writeChar(9);
+        writer.writeInt(length);
+        writer.writeUChar(1);
     });
 }
 inline std::string frameOf(int frame) {

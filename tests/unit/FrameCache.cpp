@@ -91,12 +91,7 @@ TEST_F(SlaveCache, SurvivesEveryBadBlock) {
         receive(whole.substr(0, size));
     }
     for (const int length : {0, 5, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), 7}) {
-        receive(written([&](BufferWriter& writer) {
-                    writer.writeChar(9);
-                    writer.writeInt(length);
-                    writer.writeUChar(1);
-                }) +
-                whole);
+        receive(headOf(length) + whole);
     }
     for (unsigned seed = 1; seed <= 200; ++seed) {
         receive(rubbish(seed, seed));

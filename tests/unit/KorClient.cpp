@@ -4,12 +4,9 @@
 
 #include <kor/KorClient.h>
 #include <support/AtomicLock.h>
-#include <support/RTNet.h>
 
 #include <gmock/gmock.h>
 
-#include <cmath>
-#include <condition_variable>
 #include <limits>
 
 namespace {
@@ -19,41 +16,7 @@ using namespace kor::testing_support;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A connection layer that takes everybody in and writes down what it hears.
-struct Master final : RTUserHandler, RTPacketHandler {
-    RTNet net;
-    std::mutex mutex;
-    std::vector<std::string> packets;
-    std::atomic<RTUser*> user{nullptr};
-
-    Master() {
-        net.setUserHandler(this);
-        EXPECT_TRUE(net.init(0));
-    }
-    ~Master() { net.release(); }
-    unsigned short port() { return net.getLocalPorts()[0]; }
-
-    std::vector<std::string> heard() {
-        const std::lock_guard lock(mutex);
-        return packets;
-    }
-
-    void onConnect(const RTAddr& addr, bool established) override {
-        if (established) {
-            RTUser* connection = net.getUserByAddr(addr);
-            connection->setPacketHandler(this);
-            user = connection;
-        }
-    }
-    void onReConnect(const RTAddr&) override { user = nullptr; }
-    void onDisConnect(const RTAddr&) override { user = nullptr; }
-    void onConnectLost(const RTAddr&) override { user = nullptr; }
-    void onPacket(RTUser*, Packet* packet) override {
-        const std::lock_guard lock(mutex);
-        packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size);
-    }
-    void onSendOver(RTUser*, RS_SendPacketsQueue*) override {}
-};
+using Master = BarePeer;
 
 /// A slot that writes down which event came and from whom.
 struct Slots {

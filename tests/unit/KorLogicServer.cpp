@@ -5,7 +5,6 @@
 #include <kor/KorLogicServer.h>
 #include <support/AtomicLock.h>
 #include <support/memInfo.h>
-#include <support/profile.h>
 
 #include <gmock/gmock.h>
 
@@ -19,10 +18,6 @@ using namespace kor;
 using namespace kor::testing_support;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-const RTAddr kA(0x0A000001, 1);
-const RTAddr kB(0x0A000002, 2);
-const RTAddr kC(0x0A000003, 3);
 
 struct Master : KorLogicServer {
     std::vector<std::pair<int, double>> updates;
@@ -249,11 +244,7 @@ TEST_F(MasterFrame, SurvivesEveryBadReport) {
         deliver(client, &userA, whole.substr(0, size));
     }
     for (const int length : {0, 5, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), 7}) {
-        deliver(client, &userA, written([&](BufferWriter& writer) {
-                                    writer.writeChar(9);
-                                    writer.writeInt(length);
-                                    writer.writeUChar(1);
-                                }) + whole);
+        deliver(client, &userA, headOf(length) + whole);
     }
     for (unsigned seed = 1; seed <= 200; ++seed) {
         deliver(client, &userA, rubbish(seed, seed));
@@ -302,19 +293,6 @@ TEST_F(MasterFrame, OpensAnewAfterAFailure) {
     connect(userB);
     deliver(*master.server->getClientByIndex(0), &userB, "freed with the rest");
 }
-
-struct Profile {
-    std::vector<std::string> labels;
-    std::vector<float> values;
-
-    Profile() {
-        setProfileHandler([this](const char* label, float value, const vec4&) {
-            labels.emplace_back(label);
-            values.push_back(value);
-        });
-    }
-    ~Profile() { setProfileHandler({}); }
-};
 
 struct MasterPace : testing::Test {
     Master master;

@@ -15,10 +15,6 @@ using namespace kor::testing_support;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const RTAddr kA(0x0A000001, 1);
-const RTAddr kB(0x0A000002, 2);
-const RTAddr kC(0x0A000003, 3);
-
 struct Events : KorServerHandler {
     std::vector<std::string> seen;
     KorServer* server = nullptr;

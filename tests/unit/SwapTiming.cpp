@@ -2,11 +2,7 @@
 
 #include "tests/unit/SlaveFixture.h"
 
-#include <support/profile.h>
-
 #include <gmock/gmock.h>
-
-#include <map>
 
 namespace {
 
@@ -15,17 +11,9 @@ using namespace kor::testing_support;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct Values {
-    std::map<std::string, float> last;
-    Values() {
-        setProfileHandler([this](const char* label, float value, const vec4&) { last[label] = value; });
-    }
-    ~Values() { setProfileHandler({}); }
-};
-
 struct SlaveSwap : SlaveFrames {
     TestClock clock{100.0};
-    Values values;
+    Profile values;
 
     SlaveSwap() {
         slave.setFrameInterval(1.0 / 60.0);

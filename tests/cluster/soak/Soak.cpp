@@ -16,14 +16,6 @@ constexpr double kMasterStaysFromShare = 0.6;   // of the run
 constexpr std::chrono::seconds kStuckAfter{90}; // without a lock, although nothing happens
 constexpr std::array<int, 4> kPayloads{0, 200, 5000, kSanitized ? 20000 : 100000};
 
-std::string portsFrom(const PortBlock& ports, int first, int count) {
-    std::string list;
-    for (int i = 0; i < count; ++i) {
-        list += std::to_string(ports[first + i]) + ",";
-    }
-    return list;
-}
-
 } // namespace
 
 Soak::Soak(const SoakOptions& options)
@@ -103,11 +95,7 @@ void Soak::actOnMaster() {
 }
 
 void Soak::startMaster() {
-    const int count = options_.slaves;
-    master_ = startNode("master", "master",
-                        {{"announce", portsFrom(ports_, 1, count)},
-                         {"bind", portsFrom(ports_, 21, count)},
-                         {"data", portsFrom(ports_, 41, count)}});
+    master_ = startNode("master", "master", ports_.ofMaster(options_.slaves));
     masterMember_ = {};
     masterMember_.started = Clock::now();
 }
@@ -120,7 +108,7 @@ void Soak::killMaster() {
 }
 
 void Soak::join(Slot& slot, std::size_t index) {
-    const int port = ports_[1 + static_cast<int>(index)];
+    const int port = ports_.announce(static_cast<int>(index));
     slot.slave = std::make_unique<SlaveProcess>(
         "slave" + std::to_string(index),
         Arguments{{"announce", std::to_string(port)}, {"phase", std::to_string(seconds(0, 1))}});
@@ -185,7 +173,7 @@ void Soak::throwRubbish() {
     say("rubbish");
     Rubbish rubbish(static_cast<unsigned>(random_()));
     for (int i = 0; i < 300; ++i) {
-        rubbish.send(ports_[1 + static_cast<int>(below(60))], rubbish.noise());
+        rubbish.send(ports_.announce(static_cast<int>(below(60))), rubbish.noise());
     }
     ++summary_.actions["rubbish"];
 }

@@ -77,7 +77,7 @@ private:
 
     SoakOptions options_;
     std::mt19937 random_;
-    PortBlock ports_;
+    ClusterPorts ports_;
     std::unique_ptr<ChildProcess> master_;
     Member masterMember_;
     std::vector<Slot> slots_;

@@ -76,18 +76,18 @@ bool SlaveProcess::lockedStill(const ChildProcess& master, const Mark& since) co
 
 // ---------------------------------------------------------------------------------------------- all together
 
-Arguments Cluster::masterArguments(int slaves, int first) const {
+Arguments ClusterPorts::ofMaster(int slaves, int first) const {
     Arguments arguments;
     for (int i = first; i < first + slaves; ++i) {
-        arguments["announce"] += std::to_string(announcePort(i)) + ",";
-        arguments["bind"] += std::to_string(bindPort(i)) + ",";
-        arguments["data"] += std::to_string(dataPort(i)) + ",";
+        arguments["announce"] += std::to_string(announce(i)) + ",";
+        arguments["bind"] += std::to_string(bind(i)) + ",";
+        arguments["data"] += std::to_string(data(i)) + ",";
     }
     return arguments;
 }
 
 void Cluster::startMaster(int slaves, Arguments extra) {
-    extra.merge(masterArguments(slaves));
+    extra.merge(ports_.ofMaster(slaves));
     master_ = startNode("master", "master", extra);
 }
 
@@ -126,6 +126,13 @@ bool Cluster::awaitAllLockedStill(const std::vector<SlaveProcess::Mark>& since) 
         }
         return all;
     });
+}
+
+void Cluster::expectClockWithinBound(const SlaveProcess& slave) {
+    EXPECT_TRUE(await([&] {
+        return slave.offsetError(*master_) <= slave.status().number("bound_ms") + 0.001;
+    })) << slave.name()
+        << ": " << slave.offsetError(*master_);
 }
 
 void Cluster::expectCleanTraffic() const {

@@ -3,19 +3,14 @@
 #include "ChildProcess.h"
 #include "PortBlock.h"
 
+#include "tests/TestArguments.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-/// Sanitizers make programs slow, and keep far more memory than these take by themselves.
-#ifdef KOR_TEST_SANITIZED
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
 
 /// "key=value" arguments of a node.
 using Arguments = std::map<std::string, std::string>;
@@ -69,21 +64,31 @@ private:
     std::unique_ptr<ChildProcess> process_;
 };
 
-/// A master and slaves on this machine's loopback interface, as a test fixture.
-///
-/// On one machine each slave needs an announcement port of its own, so the master has one of each kind of
-/// port per slave.
-class Cluster : public testing::Test {
-protected:
+/// The ports of a master and its slaves on this machine, where each slave needs an announcement port of its
+/// own, so the master has one of each kind of port per slave.
+class ClusterPorts {
+public:
     static constexpr int kMostSlaves = 20;
 
-    int announcePort(int slave) const { return ports_[1 + slave]; }
-    int bindPort(int slave) const { return ports_[21 + slave]; }
-    int dataPort(int slave) const { return ports_[41 + slave]; }
-    int sparePort(int index) const { return ports_[61 + index]; } ///< 0 to 18
+    int announce(int slave) const { return ports_[1 + slave]; }
+    int bind(int slave) const { return ports_[21 + slave]; }
+    int data(int slave) const { return ports_[41 + slave]; }
+    int spare(int index) const { return ports_[61 + index]; } ///< 0 to 18
 
     /// Arguments of a master for that many slaves. Port lists begin at that slave's.
-    Arguments masterArguments(int slaves, int first = 0) const;
+    Arguments ofMaster(int slaves, int first = 0) const;
+
+private:
+    PortBlock ports_;
+};
+
+/// A master and slaves on this machine's loopback interface, as a test fixture.
+class Cluster : public testing::Test {
+protected:
+    int announcePort(int slave) const { return ports_.announce(slave); }
+    int bindPort(int slave) const { return ports_.bind(slave); }
+    int dataPort(int slave) const { return ports_.data(slave); }
+    int sparePort(int index) const { return ports_.spare(index); }
 
     void startMaster(int slaves, Arguments extra = {});
     void startSlaves(int count, const Arguments& extra = {});
@@ -94,9 +99,17 @@ protected:
 
     static bool await(const std::function<bool()>& condition) { return ChildProcess::await(condition); }
 
+    /// Waits until the master knows that many slaves by name.
+    bool awaitSlaves(int count) {
+        return await([&] { return master().last("status").count("introduced") == count; });
+    }
+
     std::vector<SlaveProcess::Mark> marks() const;
     bool awaitAllLockedAnew(const std::vector<SlaveProcess::Mark>& since = {});
     bool awaitAllLockedStill(const std::vector<SlaveProcess::Mark>& since);
+
+    /// The slave's estimate of the master's clock is as good as it says.
+    void expectClockWithinBound(const SlaveProcess& slave);
 
     /// Everything that arrived, arrived whole, once and in order.
     void expectCleanTraffic() const;
@@ -105,7 +118,7 @@ protected:
     void expectCleanEnd();
     static void expectCleanEnd(ChildProcess& process);
 
-    PortBlock ports_;
+    ClusterPorts ports_;
     std::unique_ptr<ChildProcess> master_;
     std::vector<std::unique_ptr<SlaveProcess>> slaves_;
 };

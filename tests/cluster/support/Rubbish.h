@@ -1,35 +1,35 @@
 #pragma once
 
-#include <cstddef>
+#include "tests/unit/EndpointFixture.h"
+
+#include <array>
 #include <cstdint>
 #include <random>
 #include <string>
-#include <vector>
+#include <string_view>
 
 /// Sends datagrams that nobody asked for, from a socket of its own. Seeded, so that a run can be repeated.
 class Rubbish {
 public:
-    explicit Rubbish(unsigned seed);
-    Rubbish(const Rubbish&) = delete;
-    Rubbish& operator=(const Rubbish&) = delete;
-    ~Rubbish();
+    explicit Rubbish(std::uint64_t seed) : random_(seed) {
+        EXPECT_TRUE(socket_.create() && socket_.nonblock());
+        socket_.setSendIP("127.0.0.1");
+    }
 
     /// Sends one datagram to a port of this machine's loopback interface; lost when there is no room for it.
-    void send(int port, const std::vector<std::uint8_t>& bytes) const;
+    void send(int port, std::string_view bytes) {
+        socket_.setSendPort(port);
+        socket_.write(bytes.data(), 1, static_cast<int>(bytes.size()));
+    }
 
     /// Random bytes, of a random size that is small, of a packet's or of a datagram's largest.
-    std::vector<std::uint8_t> noise();
-
-    /// A record with its head changed, maybe with more behind it, or cut off.
-    std::vector<std::uint8_t> damaged(std::vector<std::uint8_t> bytes);
-
-    /// A master's announcement of that data port.
-    static std::vector<std::uint8_t> announcement(int dataPort);
+    std::string noise() {
+        static constexpr std::array<std::size_t, 4> kLimits{16, 100, 1500, 65507};
+        const std::size_t limit = kLimits[random_() % kLimits.size()];
+        return kor::testing_support::rubbish(1 + random_() % limit, random_());
+    }
 
 private:
-    std::size_t below(std::size_t limit) { return random_() % limit; }
-
     std::mt19937_64 random_;
-    std::vector<std::uint8_t> pool_; // of random bytes, which take long to make
-    int socket_;
+    kor::SocketUDP socket_;
 };
