@@ -1,5 +1,7 @@
 #pragma once
 
+#include <support/jTimer.h>
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -64,3 +66,37 @@ double clockZero();
 
 /// Reports what is still allocated; the exit status of a node that has ended.
 int reportEnd();
+
+/// The main function of a node of that kind: opens it, steps it and does as told until told to quit, and
+/// reports its status ten times a second. The exit status.
+template <class Node>
+int runNode(int argc, char** argv) {
+    Console console(argc, argv);
+    shiftClock(console.number("clock_hours", 0) * 3600);
+    {
+        Node node(console);
+        node.open();
+        double statusDue = 0;
+        for (bool quit = false; !quit;) {
+            for (const auto& command : console.commands()) {
+                if (command[0] == "quit") {
+                    quit = true;
+                } else if (command[0] == "release") {
+                    node.close();
+                    Console::report(ReportLine("released"));
+                } else if (command[0] == "init") {
+                    node.open();
+                } else {
+                    node.obey(command);
+                }
+            }
+            node.step();
+            if (const double now = kor::jTimer::getTimeSecond(); now >= statusDue) {
+                statusDue = now + 0.1;
+                node.reportStatus();
+            }
+        }
+        node.close();
+    }
+    return reportEnd();
+}

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr double kStatusSeconds = 0.1;
-
 kor::jVector<unsigned short> ports(const std::string& list) {
     kor::jVector<unsigned short> result;
     std::istringstream words(list);
@@ -45,6 +43,8 @@ public:
         Console::report(ReportLine("init").add("result", static_cast<long long>(opened)));
     }
 
+    void close() { release(); }
+
     /// One pass of the frame loop.
     void step() {
         if (!server) {
@@ -73,26 +73,16 @@ public:
         }
     }
 
-    bool obey(const std::vector<std::string>& command) {
-        const std::string& verb = command[0];
+    void obey(const std::vector<std::string>& command) {
         const int value = command.size() > 1 ? std::atoi(command[1].c_str()) : 0;
-        if (verb == "quit") {
-            return false;
-        }
-        if (verb == "release") {
-            release();
-            Console::report(ReportLine("released"));
-        } else if (verb == "init") {
-            open();
-        } else if (verb == "payload") { // of every frame
+        if (command[0] == "payload") { // of every frame
             payload_ = value;
-        } else if (verb == "once") { // of the next frame alone
+        } else if (command[0] == "once") { // of the next frame alone
             once_ = value;
-        } else if (verb == "raw") { // bytes that are no frame at all
+        } else if (command[0] == "raw") { // bytes that are no frame at all
             const std::vector<std::uint8_t> bytes(static_cast<std::size_t>(value) + 1, 0x41);
             server->send(bytes.data(), value);
         }
-        return true;
     }
 
     void reportStatus() {
@@ -143,31 +133,8 @@ private:
     std::vector<std::uint8_t> bytes_;
 };
 
-void run(Console& console) {
-    Master master(console);
-    master.open();
-    double statusDue = 0;
-    for (;;) {
-        for (const auto& command : console.commands()) {
-            if (!master.obey(command)) {
-                master.release();
-                return;
-            }
-        }
-        master.step();
-        const double now = kor::jTimer::getTimeSecond();
-        if (now >= statusDue) {
-            statusDue = now + kStatusSeconds;
-            master.reportStatus();
-        }
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    Console console(argc, argv);
-    shiftClock(console.number("clock_hours", 0) * 3600);
-    run(console);
-    return reportEnd();
+    return runNode<Master>(argc, argv);
 }

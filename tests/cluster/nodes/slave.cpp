@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr double kStatusSeconds = 0.1;
-
 class Slave : public kor::KorLogicClient {
 public:
     explicit Slave(const Console& console)
@@ -36,6 +34,12 @@ public:
     void open() {
         const bool opened = init(announcePort_, port_, kor::jString(name_), cameras_);
         Console::report(ReportLine("init").add("result", static_cast<long long>(opened)));
+    }
+
+    void close() {
+        if (getClient()) {
+            getClient()->release();
+        }
     }
 
     /// Draws and presents one picture.
@@ -82,18 +86,7 @@ public:
         block->applied = weight == 1.0;
     }
 
-    bool obey(const std::vector<std::string>& command) {
-        if (command[0] == "quit") {
-            return false;
-        }
-        if (command[0] == "release") {
-            getClient()->release();
-            Console::report(ReportLine("released"));
-        } else if (command[0] == "init") {
-            open();
-        }
-        return true;
-    }
+    static void obey(const std::vector<std::string>&) {}
 
     void reportStatus() {
         ReportLine line("status");
@@ -186,33 +179,8 @@ private:
     long long largest_ = 0;
 };
 
-void run(Console& console) {
-    Slave slave(console);
-    slave.open();
-    double statusDue = 0;
-    for (;;) {
-        for (const auto& command : console.commands()) {
-            if (!slave.obey(command)) {
-                if (slave.getClient()) {
-                    slave.getClient()->release();
-                }
-                return;
-            }
-        }
-        slave.step();
-        const double now = kor::jTimer::getTimeSecond();
-        if (now >= statusDue) {
-            statusDue = now + kStatusSeconds;
-            slave.reportStatus();
-        }
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    Console console(argc, argv);
-    shiftClock(console.number("clock_hours", 0) * 3600);
-    run(console);
-    return reportEnd();
+    return runNode<Slave>(argc, argv);
 }
