@@ -30,15 +30,21 @@ protected:
         ASSERT_EQ(sender.write(text.data(), 1, static_cast<int>(text.size())), static_cast<int>(text.size()));
     }
 
+    /// Reads until something comes; 0 only when nothing does for long.
+    int read(void* room, int size, int count) {
+        for (const double end = jTimer::getTimeSecond() + kPatienceSeconds; jTimer::getTimeSecond() < end;
+             std::this_thread::yield()) {
+            if (const int got = receiver.read(room, size, count); got > 0)
+                return got;
+        }
+        return 0;
+    }
+
     /// The next datagram's text; empty only when none comes for long.
     std::string next() {
-        std::array<char, 2000> room{};
-        for (const double end = jTimer::getTimeSecond() + kPatienceSeconds; jTimer::getTimeSecond() < end;)
-            if (const int size = receiver.read(room.data(), 1, static_cast<int>(room.size())); size > 0)
-                return {room.data(), static_cast<std::size_t>(size)};
-            else
-                std::this_thread::yield();
-        return {};
+        std::string room(70'000, ' ');
+        room.resize(static_cast<std::size_t>(read(room.data(), 1, static_cast<int>(room.size()))));
+        return room;
     }
 
     int readNow() {
@@ -105,15 +111,8 @@ TEST_F(SocketUDPTest, CountsElementsAndCutsWhatDoesNotFit) {
     ASSERT_EQ(sender.write("abcdefghij", 5, 2), 2);
     ASSERT_EQ(sender.write("abcdefghij", 1, 10), 10);
     ASSERT_EQ(sender.write("end", 1, 3), 3);
-    auto read = [&](int size, int count) {
-        int got = 0;
-        for (const double end = jTimer::getTimeSecond() + kPatienceSeconds;
-             got == 0 && jTimer::getTimeSecond() < end;)
-            got = receiver.read(room.data(), size, count);
-        return got;
-    };
-    EXPECT_EQ(read(4, 4), 2); // ten bytes: two elements and a half
-    EXPECT_EQ(read(2, 3), 3);
+    EXPECT_EQ(read(room.data(), 4, 4), 2); // ten bytes: two elements and a half
+    EXPECT_EQ(read(room.data(), 2, 3), 3);
     EXPECT_EQ(std::string(room.data(), 6), "abcdef");
     EXPECT_EQ(next(), "end"); // the rest of the cut one is gone
 }
@@ -173,12 +172,7 @@ TEST_F(SocketUDPTest, TakesTheLargestDatagram) {
     ASSERT_TRUE(receiver.recv(200'000));
     const std::string large(65507, 'x');
     send(large);
-    std::string room(70'000, ' ');
-    int size = 0;
-    for (const double end = jTimer::getTimeSecond() + kPatienceSeconds;
-         size == 0 && jTimer::getTimeSecond() < end;)
-        size = receiver.read(room.data(), 1, static_cast<int>(room.size()));
-    EXPECT_EQ(room.substr(0, static_cast<std::size_t>(size)), large);
+    EXPECT_EQ(next(), large);
 }
 
 TEST_F(SocketUDPTest, WhatCameBeforeReceptionOpenedIsNeverRead) {
@@ -234,22 +228,6 @@ TEST_F(SocketUDPTest, ReceptionOpensAfreshInAFlood) {
     stop = true;
     flood.join();
 }
-
-#if defined(__x86_64__)
-/// Applications of other compilers' making reach these operations by their place in the table.
-TEST(SocketUDPInterface, OperationsHaveTheirPlaces) {
-    auto placeOf = [](auto member) {
-        std::uintptr_t word = 0;
-        std::memcpy(&word, &member, sizeof word);
-        return (word - 1) / sizeof(void*); // two places are the destructor's
-    };
-    EXPECT_EQ(placeOf(&jStream::release), 2u);
-    EXPECT_EQ(placeOf(&SocketUDP::release), 2u);
-    EXPECT_EQ(placeOf(&SocketUDP::read), 3u);
-    EXPECT_EQ(placeOf(&SocketUDP::write), 4u);
-    EXPECT_EQ(placeOf(&SocketUDP::isOpened), 5u);
-}
-#endif
 
 } // namespace
 } // namespace kor
