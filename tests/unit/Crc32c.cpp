@@ -46,28 +46,35 @@ TEST(Crc32c, PublishedVectors) {
     }
 }
 
-// Both ways, from every alignment, whole and continued.
-TEST(Crc32c, WaysAgreeAndContinue) {
+/// All ways (the processor's instruction where there is one, tables, while copying), whole and continued.
+void expectAgreement(std::span<const std::uint8_t> part, std::size_t split) {
+    const std::uint32_t whole = crc32cPortable(part);
+    ASSERT_EQ(crc32c(part), whole) << part.size();
+    ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
+    ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole) << part.size() << " " << split;
+    const auto head = part.first(split);
+    const auto rest = part.subspan(split);
+    Bytes copy(rest.size() + 1);
+    ASSERT_EQ(crc32cCopy(head, rest, copy.data()), whole) << part.size() << " " << split;
+    ASSERT_EQ(crc32cCopy(head, rest, copy.data(), 7), crc32cPortable(part, 7));
+    ASSERT_TRUE(std::equal(rest.begin(), rest.end(), copy.begin()));
+    ASSERT_EQ(copy.back(), 0) << "written behind the end";
+}
+
+TEST(Crc32c, WaysAgreeAndContinueAtEverySizeAndAlignment) {
     std::mt19937 random(1);
-    Bytes bytes(20'000);
+    Bytes bytes(70'000);
     for (std::uint8_t& byte : bytes)
         byte = static_cast<std::uint8_t>(random());
-    for (int round = 0; round < 2000; ++round) {
-        const std::size_t from = random() % 16;
-        const std::size_t size = round % 4 != 0 ? random() % 300 : random() % (bytes.size() - from);
-        const std::span part = std::span(bytes).subspan(from, size);
-        const std::size_t split = size == 0 ? 0 : random() % size;
-        const std::uint32_t whole = crc32cPortable(part);
-        ASSERT_EQ(crc32c(part), whole) << from << " " << size;
-        ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
-        ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole);
-        Bytes copy(size + 1);
-        ASSERT_EQ(crc32cCopy(part.first(split), part.subspan(split), copy.data()), whole);
-        ASSERT_EQ(crc32cCopy(part.first(split), part.subspan(split), copy.data(), 7),
-                  crc32cPortable(part, 7));
-        ASSERT_TRUE(std::equal(part.begin() + static_cast<std::ptrdiff_t>(split), part.end(), copy.begin()));
-        ASSERT_EQ(copy[size - split], 0) << "written behind the end";
-    }
+    const auto check = [&](std::size_t size) {
+        expectAgreement(std::span(bytes).subspan(random() % 16, size), size == 0 ? 0 : random() % size);
+    };
+    for (std::size_t size = 0; size < 700; ++size)
+        check(size);
+    // Around the instruction's largest round of three streams, and several of them.
+    for (const std::size_t rounds : {1u, 2u, 5u, 21u})
+        for (std::size_t size = rounds * 3072 - 40; size < rounds * 3072 + 80; ++size)
+            check(size);
 }
 
 } // namespace
