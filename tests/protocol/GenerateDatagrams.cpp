@@ -130,6 +130,7 @@ bool printDatagrams(std::uint64_t seed, std::size_t count) {
         Bytes broken = mutate(sample.bytes, random, other);
         if (!random.oneIn(10))
             fixChecksum(broken);
+        broken.shrink_to_fit(); // so that AddressSanitizer sees the end
         print(broken, decodeDatagram(broken, decoded), decoded);
         other = sample.bytes;
     }
