@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -14,12 +13,7 @@
 namespace kor::simulation {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t kRuns = 10;
-#else
-constexpr std::uint64_t kRuns = 100;
-#endif
-
+constexpr std::uint64_t kRuns = kSanitized ? 10 : 100;
 constexpr double kMicrosecond = 1e3;
 constexpr double kMillisecond = 1e6;
 
@@ -106,14 +100,6 @@ std::vector<Case> cases() {
     return all;
 }
 
-std::uint64_t numberAfter(const std::string& flag, std::uint64_t otherwise) {
-    const std::vector<std::string>& arguments = testArguments();
-    for (std::size_t i = 0; i + 1 < arguments.size(); ++i)
-        if (arguments[i] == flag)
-            return std::strtoull(arguments[i + 1].c_str(), nullptr, 10);
-    return otherwise;
-}
-
 /// Calls `run(seed)` for each seed wanted; when it fails, says how to repeat it.
 template <class Run>
 void forEachSeed(Run run) {
@@ -177,7 +163,7 @@ TEST_P(ClockSimulation, StaysWithinItsLimits) {
         EXPECT_LE(quantile(errors, 0.99), limits.p99);
         EXPECT_LE(afterASecond, limits.afterASecond);
         EXPECT_EQ(outside, 0) << "of " << looks;
-        EXPECT_LT(clocks.worstStep, kMicrosecond);
+        EXPECT_LT(clocks.worstStep, 10);
         EXPECT_LT(clocks.worstRate, 5000);
         EXPECT_EQ(clocks.filter.estimate().breaks, 0U);
     });
@@ -201,8 +187,11 @@ TEST(ClockBreaks, AreLearntFromAFewSamples) {
         TwoClocks clocks(scenario);
         double worstBefore = 0;
         double worstLater = 0;
+        double unbroken = 0;
         clocks.run([&](double t) {
             const double error = std::fabs(clocks.errorAt(t));
+            if (clocks.filter.estimate().breaks == 0)
+                unbroken = t;
             if (t > 2 && t < scenario.breakAt)
                 worstBefore = std::max(worstBefore, error);
             if (t > scenario.breakAt + 4)
@@ -211,10 +200,12 @@ TEST(ClockBreaks, AreLearntFromAFewSamples) {
         SCOPED_TRACE("broken by " + std::to_string(scenario.breakBy * 1e-6) + " ms");
         EXPECT_LT(worstBefore, 10 * kMicrosecond);
         EXPECT_LT(worstLater, 10 * kMicrosecond);
-        EXPECT_LT(clocks.worstStep, kMicrosecond);
+        EXPECT_LT(clocks.worstStep, 10);
         // Less than a millisecond is slewed.
         if (std::fabs(size - kMillisecond) > 0.1 * kMillisecond) {
             EXPECT_EQ(clocks.filter.estimate().breaks, size > kMillisecond ? 1U : 0U);
+            EXPECT_TRUE(size < kMillisecond || unbroken < scenario.breakAt + 0.7)
+                << unbroken << ": over 4 samples";
         }
     });
 }
@@ -240,7 +231,7 @@ TEST(ClockSteered, IsFollowedWithoutAStep) {
         SCOPED_TRACE("steered by " + std::to_string(scenario.steeredPpm) + " ppm");
         EXPECT_LT(worst, kMillisecond);
         EXPECT_LT(worstLater, 15 * kMicrosecond);
-        EXPECT_LT(clocks.worstStep, kMicrosecond);
+        EXPECT_LT(clocks.worstStep, 10);
         EXPECT_EQ(clocks.filter.estimate().breaks, 0U);
     });
 }

@@ -42,6 +42,13 @@ struct Pair {
         return newest;
     }
 
+    /// Nothing is owed, nothing goes on, and no promise was broken.
+    void expectPeace() {
+        world.settle();
+        world.rest();
+        EXPECT_TRUE(world.faults().none()) << world.faults().text();
+    }
+
     World world;
 };
 
@@ -54,9 +61,7 @@ TEST(Lifecycle, GoodbyeEndsBothSidesAtOnce) {
     pair.master().goodbye();
     pair.world.runFor(50 * kMillisecond);
     EXPECT_LT(pair.ended(true, NetEvent::Kind::disconnected) - start, 2 * kMillisecond);
-    pair.world.settle();
-    pair.world.rest();
-    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+    pair.expectPeace();
 }
 
 TEST(Lifecycle, LostGoodbyesAreRepeated) {
@@ -85,9 +90,7 @@ TEST(Lifecycle, RestartedMasterIsRecognisedByItsFirstAnswer) {
     pair.world.runFor(300 * kMillisecond);
     EXPECT_LT(pair.ended(true, NetEvent::Kind::reconnecting) - back, 40 * kMillisecond);
     EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr);
-    pair.world.settle();
-    pair.world.rest();
-    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+    pair.expectPeace();
 }
 
 TEST(Lifecycle, RestartedSlaveReplacesItsConnectionAtOnce) {
@@ -100,9 +103,7 @@ TEST(Lifecycle, RestartedSlaveReplacesItsConnectionAtOnce) {
     pair.slave().connect(pair.master());
     pair.world.runFor(100 * kMillisecond);
     EXPECT_LT(pair.ended(false, NetEvent::Kind::reconnecting) - back, 10 * kMillisecond);
-    pair.world.settle();
-    pair.world.rest();
-    EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+    pair.expectPeace();
 }
 
 TEST(Lifecycle, BeatsLeaveInSilenceOnlyAndInTurns) {
@@ -169,11 +170,9 @@ TEST(Lifecycle, ShortStopsKeepTheConnectionAndLoseNothing) {
         stopped.suspend();
         pair.world.runFor(1500 * kMillisecond);
         stopped.resume();
-        pair.world.settle();
-        pair.world.rest();
+        pair.expectPeace();
         EXPECT_EQ(pair.world.ledger().connections().size(), 1u);
         EXPECT_EQ(stopped.socketDrops(), 0u);
-        EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
     }
 }
 
@@ -189,9 +188,7 @@ TEST(Lifecycle, LongStopsEndTheConnectionAndItComesBack) {
         stopped.resume();
         pair.world.runFor(500 * kMillisecond);
         EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr) << "stopped master: " << stopsMaster;
-        pair.world.settle();
-        pair.world.rest();
-        EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
+        pair.expectPeace();
     }
 }
 

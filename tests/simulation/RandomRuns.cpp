@@ -5,10 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 namespace kor::simulation {
@@ -16,18 +14,6 @@ namespace kor::simulation {
 namespace {
 
 using testing_support::kSanitized;
-
-bool hasFlag(const std::string& flag) {
-    return std::ranges::find(testArguments(), flag) != testArguments().end();
-}
-
-std::uint64_t numberAfter(const std::string& flag, std::uint64_t otherwise) {
-    const std::vector<std::string>& arguments = testArguments();
-    for (std::size_t i = 0; i + 1 < arguments.size(); ++i)
-        if (arguments[i] == flag)
-            return std::strtoull(arguments[i + 1].c_str(), nullptr, 10);
-    return otherwise;
-}
 
 /// What all runs together have cost, for those who compare two versions of the protocol.
 struct Sum {

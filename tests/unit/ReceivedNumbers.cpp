@@ -132,19 +132,6 @@ TEST(ReceivedNumbers, KeepsTheNewestRunsOnly) {
     EXPECT_EQ(received.insert(first + 3), Arrival::duplicate);
 }
 
-TEST(ReceivedNumbers, StartsWithAGapWhenTheFirstIsLost) {
-    ReceivedNumbers received(5);
-    const std::uint64_t first = received.unwrap(5);
-    EXPECT_TRUE(received.empty());
-    EXPECT_FALSE(received.hasGap());
-    EXPECT_EQ(received.insert(received.unwrap(4)), Arrival::tooOld);
-    EXPECT_EQ(received.insert(first + 2), Arrival::fresh);
-    EXPECT_EQ(received.newestMissing(), first + 1);
-    EXPECT_EQ(received.insert(first), Arrival::fresh);
-    EXPECT_EQ(received.insert(first + 1), Arrival::fresh);
-    EXPECT_FALSE(received.hasGap());
-}
-
 TEST(ReceivedNumbers, UnwrapsToTheNearest) {
     ReceivedNumbers received(0);
     const std::uint64_t newest = received.unwrap(0) + 0x7FFFFFFF;

@@ -13,20 +13,6 @@ TEST(RoundTrip, IsZeroBeforeTheFirstMeasurement) {
     EXPECT_EQ(trip.p99(), 0);
 }
 
-TEST(RoundTrip, SmoothsWithGainsOfAnEighthAndAQuarter) {
-    RoundTrip trip;
-    trip.add(800, 0);
-    EXPECT_EQ(trip.smoothed(), 800);
-    EXPECT_EQ(trip.variation(), 400);
-    trip.add(1600, 1);
-    EXPECT_EQ(trip.smoothed(), 900);
-    EXPECT_EQ(trip.variation(), 500);
-    for (int i = 0; i < 200; ++i)
-        trip.add(1000, 2 + i);
-    EXPECT_NEAR(static_cast<double>(trip.smoothed()), 1000, 8);
-    EXPECT_NEAR(static_cast<double>(trip.variation()), 0, 8);
-}
-
 TEST(RoundTrip, IgnoresNegativeAndCutsAbsurdMeasurements) {
     RoundTrip trip;
     trip.add(-1, 0);
