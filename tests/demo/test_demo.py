@@ -10,37 +10,13 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 from pathlib import Path
 from types import SimpleNamespace
 
-DEMO = Path(__file__).resolve().parents[2] / "tools" / "demo.py"
-BUILD = Path(os.environ["KOR_BUILD"])
-PATIENCE = 120  # seconds, for whatever must happen at some time
-
-
-def start(*arguments, **options):
-    return subprocess.Popen(
-        [sys.executable, str(DEMO), "--build", str(BUILD), *map(str, arguments)],
-        stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        start_new_session=True,
-        **options,
-    )
-
-
-def finish(process):
-    """Output and error text; the process must end by itself."""
-    try:
-        return process.communicate(timeout=PATIENCE)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, signal.SIGKILL)
-        raise
+from demo_process import BUILD, PATIENCE, finish, group_lives, start
 
 
 def run_program(name, *arguments):
@@ -51,14 +27,6 @@ def run_program(name, *arguments):
         text=True,
         timeout=PATIENCE,
     )
-
-
-def group_lives(group):
-    try:
-        os.killpg(group, 0)
-        return True
-    except ProcessLookupError:
-        return False
 
 
 class Run(unittest.TestCase):
@@ -273,7 +241,6 @@ class Table(unittest.TestCase):
     """Nothing that is asked for falls off a narrow terminal."""
 
     def lines(self, width):
-        sys.path.insert(0, str(DEMO.parent))
         from kordemo.samples import MasterStream, SlaveStream
         from kordemo.screen import live_table
         from rich.console import Console

@@ -10,7 +10,6 @@ import argparse
 import json
 import os
 import shutil
-import socket
 import subprocess
 import sys
 import tarfile
@@ -19,6 +18,10 @@ import time
 from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(SOURCE / "tools"))
+
+from kordemo.cluster import free_ports
+
 BASE = ("libc6", "libgcc-s1", "libstdc++6")
 PACKAGES = ("libkor1", "libkor-dev", "kor-tools", "kor-doc")
 PATIENCE = 120  # seconds, for whatever must happen at some time
@@ -126,16 +129,6 @@ def check_pkg_config(root, scratch, compiler):
         run(compiler, "-std=c++20", source, *flags, "-o", scratch / source.stem)
     environment = {**os.environ, "LD_LIBRARY_PATH": str(root.find("libkor.so.1").parent)}
     print("with pkg-config:", run(scratch / "main", env=environment, timeout=PATIENCE).strip())
-
-
-def free_ports(count):
-    sockets = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(count)]
-    for each in sockets:
-        each.bind(("", 0))
-    ports = [each.getsockname()[1] for each in sockets]
-    for each in sockets:
-        each.close()
-    return ports
 
 
 def locked_once(report):

@@ -7,7 +7,6 @@ import json
 import os
 import resource
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
@@ -22,26 +21,16 @@ import Xlib.protocol.event
 import Xlib.X
 import Xlib.XK
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "demo"))
 
+from demo_process import BUILD, PATIENCE, finish, group_lives, start
 from kordemo.cluster import free_ports
 from kordemo.seam import Picture
 from kordemo.xserver import XServer
 
-DEMO = Path(__file__).resolve().parents[2] / "tools" / "demo.py"
-BUILD = Path(os.environ["KOR_BUILD"])
-PATIENCE = 120  # seconds, for whatever must happen at some time
 SKIPPED = 77
 
 HEADLESS = {key: value for key, value in os.environ.items() if key not in ("DISPLAY", "WAYLAND_DISPLAY")}
-
-
-def group_lives(group):
-    try:
-        os.killpg(group, 0)
-        return True
-    except ProcessLookupError:
-        return False
 
 
 def await_true(condition, what):
@@ -52,26 +41,9 @@ def await_true(condition, what):
         time.sleep(0.02)
 
 
-class Demo:
+def start_wall(*arguments):
     """The demo with --wall, without a display."""
-
-    def __init__(self, *arguments):
-        self.process = subprocess.Popen(
-            [sys.executable, str(DEMO), "--wall", "--build", str(BUILD), "--lead", "8", *map(str, arguments)],
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            env=HEADLESS,
-            start_new_session=True,
-        )
-
-    def finish(self):
-        try:
-            return self.process.communicate(timeout=PATIENCE)
-        except subprocess.TimeoutExpired:
-            os.killpg(self.process.pid, signal.SIGKILL)
-            raise
+    return start("--wall", "--lead", 8, *arguments, env=HEADLESS)
 
 
 class Run(unittest.TestCase):
@@ -82,10 +54,10 @@ class Run(unittest.TestCase):
 
     def test_pictures_of_one_position_meet(self):
         figures = self.folder / "figures.json"
-        demo = Demo("--slaves", 2, "--captures", 3, "--pictures", self.folder, "--json", figures)
-        output, errors = demo.finish()
-        self.assertEqual(demo.process.returncode, 0, output + errors)
-        self.assertFalse(group_lives(demo.process.pid), "a process was left behind")
+        demo = start_wall("--slaves", 2, "--captures", 3, "--pictures", self.folder, "--json", figures)
+        output, errors = finish(demo)
+        self.assertEqual(demo.returncode, 0, output + errors)
+        self.assertFalse(group_lives(demo.pid), "a process was left behind")
         wall = json.loads(figures.read_text())["wall"]
         self.assertEqual(list(wall), ["lock on", "lock on, no interpolation", "lock off"])
         self.assertGreater(wall["lock on"]["exact_edges"], 0)
@@ -109,22 +81,22 @@ class Run(unittest.TestCase):
             self.assertGreaterEqual(shown.number("clock"), left.number("clock") - 1e-6)
 
     def test_figures_that_cannot_be_written(self):
-        demo = Demo("--slaves", 1, "--captures", 1, "--pictures", self.folder, "--json", "/dev/full")
-        output, errors = demo.finish()
-        self.assertEqual(demo.process.returncode, 1, output + errors)
+        demo = start_wall("--slaves", 1, "--captures", 1, "--pictures", self.folder, "--json", "/dev/full")
+        output, errors = finish(demo)
+        self.assertEqual(demo.returncode, 1, output + errors)
         self.assertIn("/dev/full: No space left", errors)
 
     def test_two_at_once_and_one_that_is_killed(self):
-        killed = Demo("--slaves", 2, "--captures", 100, "--pictures", self.folder / "killed")
-        demo = Demo("--slaves", 2, "--captures", 1, "--pictures", self.folder / "other")
+        killed = start_wall("--slaves", 2, "--captures", 100, "--pictures", self.folder / "killed")
+        demo = start_wall("--slaves", 2, "--captures", 1, "--pictures", self.folder / "other")
         await_true(lambda: list(self.folder.glob("killed/*.png")), "the first picture")
-        killed.process.kill()
-        killed.finish()
-        await_true(lambda: not group_lives(killed.process.pid), "the end of every process")
-        output, errors = demo.finish()
+        killed.kill()
+        finish(killed)
+        await_true(lambda: not group_lives(killed.pid), "the end of every process")
+        output, errors = finish(demo)
         # Whether a bar crosses the seam in the one picture is chance.
         if "take more --captures" not in errors:
-            self.assertEqual(demo.process.returncode, 0, output + errors)
+            self.assertEqual(demo.returncode, 0, output + errors)
 
 
 class Programs(unittest.TestCase):
