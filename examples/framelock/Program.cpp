@@ -41,18 +41,12 @@ private:
     int held_ = 0;
 };
 
-} // namespace
-
 void installSignalHandlers() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         std::signal(signal, [](int) { stopFlag = true; });
     }
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-}
-
-bool stopRequested() {
-    return stopFlag;
 }
 
 void showLog(bool verbose) {
@@ -67,6 +61,18 @@ void showLog(bool verbose) {
             printer.print("message", text);
         }
     });
+}
+
+} // namespace
+
+bool beginProgram(const RunOptions& options, Report& report) {
+    installSignalHandlers();
+    showLog(options.verbose);
+    return report.open(options.report);
+}
+
+bool stopRequested() {
+    return stopFlag;
 }
 
 int loggedErrors() {

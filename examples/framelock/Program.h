@@ -1,6 +1,9 @@
 #pragma once
 
-/// What the two programs share: ending on a signal, what of the log is shown, exit status.
+#include "Options.h"
+#include "Report.h"
+
+/// What the programs share: ending on a signal, what of the log is shown, exit status.
 
 enum ExitStatus : int {
     kExitDone = 0,
@@ -9,16 +12,15 @@ enum ExitStatus : int {
     kExitPortsInUse = 3, ///< a port cannot be opened
 };
 
-/// Lets SIGINT, SIGTERM and SIGHUP ask the program to end, and makes writing to a closed pipe or beyond the
-/// size that files may have an error instead of a death.
-void installSignalHandlers();
+/// To be called first. Lets SIGINT, SIGTERM and SIGHUP ask the program to end, and makes writing to a closed
+/// pipe or beyond the size that files may have an error instead of a death. Shows the library's log on
+/// standard error: warnings and errors, with `verbose` messages too; a warning or error repeated word for
+/// word is shown once per second at most, with the number of times. Opens the report; false when that cannot
+/// be.
+bool beginProgram(const RunOptions& options, Report& report);
 
 /// True once a signal has come.
 bool stopRequested();
-
-/// Shows the library's log on standard error: warnings and errors, with `verbose` messages too. A warning or
-/// error repeated word for word is shown once per second at most, with the number of times.
-void showLog(bool verbose);
 
 /// Errors logged since the program began.
 int loggedErrors();

@@ -12,6 +12,9 @@ constexpr std::size_t kFlushBytes = 32 * 1024;
 } // namespace
 
 bool Report::open(const std::string& path) {
+    if (path.empty()) {
+        return true;
+    }
     file_.open(path, std::ios::binary | std::ios::trunc);
     if (!file_) {
         std::fprintf(stderr, "cannot write the report to %s: %s\n", path.c_str(), std::strerror(errno));

@@ -14,8 +14,8 @@ public:
     /// Without a file every call does nothing.
     Report() = default;
 
-    /// False, and a message on standard error, when the file cannot be written. A pipe that this process
-    /// inherited is named /dev/fd/N.
+    /// False, and a message on standard error, when the file cannot be written; without a path it is as if
+    /// there were none. A pipe that this process inherited is named /dev/fd/N.
     bool open(const std::string& path);
 
     bool isOpen() const { return file_.is_open(); }

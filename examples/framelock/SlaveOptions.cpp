@@ -15,19 +15,10 @@ void describe(CLI::App& app, SlaveOptions& options) {
     app.footer("On several machines, with the master's defaults:\n"
                "  kor-slave --name node-b --camera right\n\n"
                "Exit status: 0 done, 1 fault while running, 2 bad arguments, 3 a port cannot be opened.");
-    app.add_option("--name", options.name, "name that the master knows this slave by")->capture_default_str();
+    addSlaveOptions(app, options);
     app.add_option("--camera", options.cameras,
                    "cameras that this slave renders, comma-separated or repeated")
         ->delimiter(',')
-        ->capture_default_str();
-    app.add_option("--announce-port", options.announcePort, "port on which the master announces itself")
-        ->check(numberIn(1, 65535))
-        ->capture_default_str();
-    app.add_option("--port", options.port, "own port; 0: any free one")
-        ->check(numberIn(0, 65535))
-        ->capture_default_str();
-    app.add_option("--rate", options.rate, "frames per second that the master counts in")
-        ->check(numberIn(1.0, 1000.0))
         ->capture_default_str();
     app.add_option("--refresh", options.refresh, "refresh rate of the display, Hz")
         ->check(numberIn(1.0, 1000.0))
@@ -35,20 +26,12 @@ void describe(CLI::App& app, SlaveOptions& options) {
     app.add_option("--phase", options.phase, "where in the refresh interval the display refreshes, 0 to 1")
         ->check(numberIn(0.0, 1.0))
         ->capture_default_str();
-    app.add_option("--margin", options.marginMs, "safety margin before the vertical sync, ms")
-        ->check(numberIn(0.0, 1000.0))
-        ->capture_default_str();
     app.add_option("--draw", options.drawMs, "time that drawing takes, ms")
         ->check(numberIn(0.0, 1000.0))
         ->capture_default_str();
-    app.add_option("--seconds", options.seconds, "end after so many seconds; 0: when stopped")
-        ->check(numberIn(0.0, 1e9))
-        ->capture_default_str();
-    app.add_option("--report", options.report, "write JSON lines about every wait to this file");
+    addRunOptions(app, options, " that the master counts in", "stopped", "every wait");
     app.add_option("--trace", options.trace,
                    "record what happens to every frame and write it to this file at the end");
-    app.add_flag("--verbose", options.verbose, "show the library's messages, not only warnings and errors");
-    app.add_flag("--quiet", options.quiet, "print no status");
 }
 
 // The slave introduces itself to the master in one record of this size; the library would refuse, too.

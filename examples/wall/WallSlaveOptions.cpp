@@ -67,26 +67,9 @@ void describe(CLI::App& app, WallSlaveOptions& options, Texts& texts) {
                "Keys in the window, for the whole wall: " +
                std::string(kWallKeys) +
                "\n\nExit status: 0 done, 1 fault while running, 2 bad arguments, 3 a port cannot be opened.");
-    app.add_option("--name", options.name, "name that the master knows this slave by")->capture_default_str();
+    addSlaveOptions(app, options);
     addWindowOptions(app, options, texts);
-    app.add_option("--announce-port", options.announcePort, "port on which the master announces itself")
-        ->check(numberIn(1, 65535))
-        ->capture_default_str();
-    app.add_option("--port", options.port, "own port; 0: any free one")
-        ->check(numberIn(0, 65535))
-        ->capture_default_str();
-    app.add_option("--rate", options.rate, "frames per second that the master counts in")
-        ->check(numberIn(1.0, 1000.0))
-        ->capture_default_str();
-    app.add_option("--margin", options.marginMs, "safety margin before the vertical sync, ms")
-        ->check(numberIn(0.0, 1000.0))
-        ->capture_default_str();
-    app.add_option("--seconds", options.seconds, "end after so many seconds; 0: when stopped or closed")
-        ->check(numberIn(0.0, 1e9))
-        ->capture_default_str();
-    app.add_option("--report", options.report, "write JSON lines about what happens to this file");
-    app.add_flag("--verbose", options.verbose, "show the library's messages, not only warnings and errors");
-    app.add_flag("--quiet", options.quiet, "print no status");
+    addRunOptions(app, options, " that the master counts in", "stopped or closed", "what happens");
 }
 
 int complain(const char* format, const std::string& what) {

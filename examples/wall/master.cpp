@@ -67,10 +67,8 @@ int main(int argc, char** argv) {
     if (const int status = parseWallMasterOptions(argc, argv, options); status >= 0) {
         return status;
     }
-    installSignalHandlers();
-    showLog(options.verbose);
     Report report;
-    if (!options.report.empty() && !report.open(options.report)) {
+    if (!beginProgram(options, report)) {
         return kExitFailed;
     }
 

@@ -167,10 +167,8 @@ int main(int argc, char** argv) {
     if (const int status = parseWallSlaveOptions(argc, argv, options); status >= 0) {
         return status;
     }
-    installSignalHandlers();
-    showLog(options.verbose);
     Report report;
-    if (!options.report.empty() && !report.open(options.report)) {
+    if (!beginProgram(options, report)) {
         return kExitFailed;
     }
     const std::unique_ptr<Window> window = Window::open(windowOptions(options));
