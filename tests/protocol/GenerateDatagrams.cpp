@@ -3,15 +3,12 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string>
 
 // Prints datagrams, one a line as a JSON object: "bytes" in hexadecimal, "verdict" and, when it is "none",
 // "fields".
 //   generate_datagrams [SEED [COUNT]]
-//   generate_datagrams --corpus DIR     writes a small corpus for the fuzzer instead
 
 namespace {
 
@@ -137,34 +134,9 @@ bool printDatagrams(std::uint64_t seed, std::size_t count) {
     return true;
 }
 
-bool writeCorpus(const std::filesystem::path& folder) {
-    std::filesystem::create_directories(folder);
-    Random random(1);
-    Bytes other;
-    constexpr int kPairs = 24;
-    for (int i = 0; i < kPairs; ++i) {
-        Sample sample = randomSample(random, 300);
-        while (i == 0 && sample.meaning.fragmentCount < kMaxFragmentsPerDatagram)
-            sample = randomSample(random, 1300);
-        Bytes broken = mutate(sample.bytes, random, other);
-        for (const auto& [kind, bytes] :
-             {std::pair{"valid-", &sample.bytes}, std::pair{"broken-", &broken}}) {
-            std::ofstream file(folder / (kind + std::to_string(i)), std::ios::binary);
-            file.write(reinterpret_cast<const char*>(bytes->data()),
-                       static_cast<std::streamsize>(bytes->size()));
-            if (!file.flush())
-                return false;
-        }
-        other = sample.bytes;
-    }
-    return true;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 3 && std::string_view(argv[1]) == "--corpus")
-        return writeCorpus(argv[2]) ? EXIT_SUCCESS : EXIT_FAILURE;
     const std::uint64_t seed = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1;
     const std::size_t count = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 3000;
     return printDatagrams(seed, count) && std::cout.flush() ? EXIT_SUCCESS : EXIT_FAILURE;
