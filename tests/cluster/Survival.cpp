@@ -65,17 +65,6 @@ TEST_F(Survival, ASlaveStoppedForASecondKeepsItsConnectionAndLosesNothing) {
     expectCleanEnd();
 }
 
-TEST_F(Survival, ASlaveStoppedForFourSecondsComesBackByItself) {
-    startAndLock(2);
-    const auto before = marks();
-    stopFor(slave(0).process(), milliseconds(4000));
-    EXPECT_TRUE(await([&] { return slave(0).lockedAnew(master(), before[0]); }));
-    EXPECT_TRUE(awaitSlaves(2));
-    EXPECT_TRUE(await([&] { return slave(1).lockedStill(master(), before[1]); }));
-    expectCleanTraffic();
-    expectCleanEnd();
-}
-
 TEST_F(Survival, AStoppedMasterIsFoundAgain) {
     startAndLock(2);
     const auto before = marks();
