@@ -47,7 +47,6 @@ struct ClockScenario {
 };
 
 /// Runs a clock filter on virtual time against a model that knows the truth.
-template <class Filter = detail::ClockFilter>
 class TwoClocks {
 public:
     explicit TwoClocks(const ClockScenario& scenario) : scenario_(scenario), random_(scenario.seed) {
@@ -93,7 +92,7 @@ public:
             look(nextLook);
     }
 
-    Filter filter;
+    detail::ClockFilter filter;
     double knownAt = -1;  ///< seconds from the start
     double worstStep = 0; ///< of the published offset within the microsecond of an update, nanoseconds
     double worstRate = 0; ///< of the published line, beside the clock's own, ppm
