@@ -6,13 +6,6 @@
 #include <string>
 #include <vector>
 
-/// Sanitizers make programs slow, and keep far more memory than these take by themselves.
-#ifdef KOR_SANITIZED
-inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
-
 /// What the test program was called with, without its name and without the test framework's own flags.
 const std::vector<std::string>& testArguments();
 

@@ -1,3 +1,4 @@
+#include "tests/Sanitized.h"
 #include "tests/simulation/TwoClocks.h"
 #include "tests/TestArguments.h"
 
@@ -13,7 +14,7 @@
 namespace kor::simulation {
 namespace {
 
-constexpr std::uint64_t kRuns = kSanitized ? 10 : 100;
+constexpr std::uint64_t kRuns = testing_support::kSanitized ? 10 : 100;
 constexpr double kMicrosecond = 1e3;
 constexpr double kMillisecond = 1e6;
 

@@ -3,7 +3,7 @@
 #include "ChildProcess.h"
 #include "PortBlock.h"
 
-#include "tests/TestArguments.h"
+#include "tests/Sanitized.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+using kor::testing_support::kSanitized;
 
 /// "key=value" arguments of a node.
 using Arguments = std::map<std::string, std::string>;
