@@ -114,10 +114,8 @@ private:
         }
         const kor::NetStatistics net = server->getNet()->getStatistics();
         const kor::MalformedCounters& bad = net.malformed;
-        line.add("connections", static_cast<long long>(net.connections));
         line.add("malformed", static_cast<long long>(bad.tooShort + bad.checksum + bad.unknownKind +
                                                      bad.badFrame + bad.unknownConnection));
-        line.add("datagrams", static_cast<long long>(net.datagramsReceived));
     }
 
     std::string broadcast_;
