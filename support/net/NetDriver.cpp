@@ -411,9 +411,10 @@ NetStatistics NetDriver::statistics() const {
     result.warmSends = sender_ && sender_->warms();
     for (const auto& socket : sockets_) {
         const UdpSocketFeatures& features = socket->features();
-        result.systemCallsSend += socket->counters().systemCallsSend;
-        result.systemCallsReceive += socket->counters().systemCallsReceive;
-        result.kernelDrops += socket->counters().kernelDrops;
+        const UdpSocketCounters counters = socket->counters();
+        result.systemCallsSend += counters.systemCallsSend;
+        result.systemCallsReceive += counters.systemCallsReceive;
+        result.kernelDrops += counters.kernelDrops;
         result.segmentationOffload |= features.segmentationOffload;
         result.receiveOffload |= features.receiveOffload;
         result.batchSend |= features.batchSend;

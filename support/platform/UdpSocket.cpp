@@ -2,11 +2,13 @@
 
 #include "support/platform/SocketSystem.h"
 
+#include <linux/sock_diag.h>
 #include <netinet/udp.h>
 
 #include <support/jLog.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <climits>
 #include <system_error>
@@ -82,9 +84,19 @@ bool UdpSocket::configure(const UdpSocketOptions& options) {
     features_.kernelTimeStamps = options.kernelTimeStamps && setOption(fd(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
     features_.batchSend = options.batchSend;
     features_.batchReceive = options.batchReceive;
-    setOption(fd(), SOL_SOCKET, SO_RXQ_OVFL, 1);
     stamps_.update(readClockPair());
     return true;
+}
+
+UdpSocketCounters UdpSocket::counters() {
+    std::array<std::uint32_t, SK_MEMINFO_VARS> info{};
+    socklen_t length = sizeof info;
+    // Asked for here, since to have it told with every datagram costs each of them.
+    if (isOpen() && getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, info.data(), &length) == 0) {
+        counters_.kernelDrops += static_cast<std::uint32_t>(info[SK_MEMINFO_DROPS] - lastDropCount_);
+        lastDropCount_ = info[SK_MEMINFO_DROPS];
+    }
+    return counters_;
 }
 
 } // namespace kor::detail

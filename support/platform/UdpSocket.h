@@ -39,7 +39,7 @@ struct UdpSocketFeatures {
 struct UdpSocketCounters {
     std::uint64_t systemCallsSend = 0;
     std::uint64_t systemCallsReceive = 0;
-    std::uint64_t kernelDrops = 0; ///< datagrams dropped because the receive buffer was full, as far as known
+    std::uint64_t kernelDrops = 0; ///< datagrams dropped because the receive buffer was full
 };
 
 enum class SendResult : std::uint8_t {
@@ -94,7 +94,8 @@ public:
     std::size_t receive(ReceiveBatch& batch, std::size_t most = ReceiveBatch::kSlots);
 
     const UdpSocketFeatures& features() const { return features_; }
-    const UdpSocketCounters& counters() const { return counters_; }
+    /// What has been counted up to now.
+    UdpSocketCounters counters();
 
 private:
     bool configure(const UdpSocketOptions& options);

@@ -112,11 +112,6 @@ void UdpSocket::describe(ReceiveBatch& batch, std::size_t i) {
          control = CMSG_NXTHDR(&message.msg_hdr, control)) {
         if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPNS) {
             run.arrival = stamps_.arrival(stampOf(control));
-        } else if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SO_RXQ_OVFL) {
-            std::uint32_t drops = 0;
-            std::memcpy(&drops, CMSG_DATA(control), sizeof drops);
-            counters_.kernelDrops += static_cast<std::uint32_t>(drops - lastDropCount_);
-            lastDropCount_ = drops;
         } else if (control->cmsg_level == IPPROTO_UDP && control->cmsg_type == UDP_GRO) {
             int size = 0;
             std::memcpy(&size, CMSG_DATA(control), sizeof size);

@@ -242,9 +242,6 @@ TEST(UdpSocketDrops, EveryDatagramIsReceivedOrCounted) {
         received += batch.size();
     EXPECT_GT(received, 0u);
     EXPECT_LT(received, kSent);
-    // The count comes with the next datagram.
-    ASSERT_EQ(sender.send(addressOf(receiver), bytes), SendResult::sent);
-    ASSERT_EQ(receiveSome(receiver, batch), 1u);
     EXPECT_EQ(received + receiver.counters().kernelDrops, kSent);
 }
 
