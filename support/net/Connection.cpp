@@ -62,7 +62,10 @@ Connection::Connection(const ConnectionConfig& config, Nanoseconds now)
     clock_.setMaxDelay(config.longestClockDelay);
 }
 
-void Connection::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay) {
+void Connection::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay,
+                          Nanoseconds now) {
+    if (timeout < config_.timeout)
+        lastHeard_ = std::max(lastHeard_, now); // the peer knew nothing of the shorter one
     config_.timeout = timeout;
     config_.longestRepairWait = longestRepairWait;
     config_.longestClockDelay = longestClockDelay;
@@ -109,7 +112,9 @@ bool Connection::takeAck(const AckFrame& ack, Nanoseconds arrival, Ring<NetEvent
     if (result.newestSent) {
         const Nanoseconds held = Nanoseconds{ack.delayMicroseconds} * kMicrosecond;
         const Nanoseconds raw = arrival - *result.newestSent;
-        roundTrip_.add(held < raw ? raw - held : raw, arrival);
+        // The peer's clock may run fast, and it may have held a report of which the first copy was lost.
+        if (held < raw || !roundTrip_.known())
+            roundTrip_.add(held < raw ? raw - held : raw, arrival);
     }
     if (result.payloadProbe != 0)
         probe_.acknowledged(arrival, result.payloadProbe);
@@ -299,20 +304,24 @@ Nanoseconds Connection::queryDue() const {
     return std::max({lastProgress_, sent_.lastSent(), lastBeat_}) + wait;
 }
 
+Nanoseconds Connection::silence() const {
+    return std::min(resting_ ? kRest : kSilence, config_.timeout / kLeastBeats);
+}
+
 bool Connection::ourTurn() const {
     // When both sides have spoken at once, the accepting side goes first the next time.
-    return lastHeard_ > lastBeat_ + (config_.initiator ? kCrossing : 0);
+    return lastHeard_ > lastBeat_ + (config_.initiator ? std::min(kCrossing, silence() / 2) : 0);
 }
 
 Nanoseconds Connection::beatDue() const {
     if (inVolley())
         return nextVolley_;
     const bool owesAnswer = lastHeard_ <= lastBeat_ && lastPing_ == lastBeat_;
-    const Nanoseconds usual = resting_ && !owesAnswer ? kRest : kSilence;
-    const Nanoseconds silence = std::min(usual, config_.timeout / kLeastBeats);
-    const Nanoseconds patience = ourTurn() || owesAnswer ? 0 : silence / 2;
-    const Nanoseconds due = std::max(lastHeard_, lastBeat_) + silence + patience;
-    return config_.initiator ? due : (due / kBeatGrid + 1) * kBeatGrid;
+    const Nanoseconds wait = owesAnswer ? std::min(silence(), kSilence) : silence();
+    const Nanoseconds patience = ourTurn() || owesAnswer ? 0 : wait / 2;
+    const Nanoseconds due = std::max(lastHeard_, lastBeat_) + wait + patience;
+    const Nanoseconds grid = std::clamp<Nanoseconds>(wait / 4, 1, kBeatGrid);
+    return config_.initiator ? due : (due / grid + 1) * grid;
 }
 
 bool Connection::pingDue(Nanoseconds now) const {
@@ -350,10 +359,8 @@ bool Connection::addControl(DatagramWriter& writer, Nanoseconds now, const Occas
         lastStamp_ = now;
         stampWanted_ = false;
     }
-    if (occasion.beat) {
+    if (occasion.beat)
         lastBeat_ = now;
-        resting_ = true;
-    }
     if (occasion.ping) {
         writer.addPing();
         lastPing_ = now;
@@ -420,8 +427,9 @@ Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
     if (occasion.stamp && data &&
         queue_.readyExceeds(static_cast<std::uint32_t>(std::min(payload, kLongestStamped) - 128)))
         data = false;
+    resting_ = resting_ || (occasion.beat && !query && !data);
     const std::size_t trainLimit = std::min<std::size_t>(SendWindow::kTrainBytes, buffer.size());
-    std::size_t limit = payload;
+    std::size_t limit = occasion.stamp ? std::min(payload, kLongestStamped) : payload;
     while (train.bytes + limit <= trainLimit || train.bytes == 0) {
         DatagramWriter writer = beginDatagram(buffer.subspan(train.bytes, limit));
         const bool control = train.bytes == 0 && addControl(writer, now, occasion);
@@ -436,7 +444,7 @@ Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
         }
         train.bytes += size;
         probeDue_ = probeDue_ && pieces == 0;
-        if (size < limit || size + kFragmentHeaderBytes < payload || !mayBeginTrain(now))
+        if (occasion.stamp || size < limit || size + kFragmentHeaderBytes < payload || !mayBeginTrain(now))
             break;
     }
     stalled_ = queue_.ready() && !window_.open(sent_.inFlightCharge());

@@ -87,7 +87,8 @@ public:
 
     bool closedByPeer() const { return closedByPeer_; }
     const ConnectionConfig& config() const { return config_; }
-    void setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay);
+    void setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay,
+                  Nanoseconds now);
     const ClockEstimate& clock() const { return clock_.estimate(); }
     const RoundTrip& roundTrip() const { return roundTrip_; }
     const SentLog& sentLog() const { return sent_; }
@@ -122,6 +123,7 @@ private:
     Nanoseconds repairWait() const;
     Nanoseconds lossRoundTrip() const;
     Nanoseconds repairDeadline() const;
+    Nanoseconds silence() const;
     bool ourTurn() const;
     Nanoseconds beatDue() const;
     bool pingDue(Nanoseconds now) const;
@@ -169,7 +171,7 @@ private:
     Nanoseconds nextVolley_ = 0;
     Nanoseconds lastBeat_ = 0; ///< what we last sent because it had been silent
     Nanoseconds lastPing_ = 0;
-    bool resting_ = false; ///< nothing but beats has passed lately
+    bool resting_ = false; ///< since our last beat nothing but beats has passed
     int queries_ = 0;      ///< pings since the last hand-up was reported
     Nanoseconds lastStamp_ = 0;
     bool stampWanted_ = false; ///< answer a stamped ping at once

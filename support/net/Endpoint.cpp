@@ -393,7 +393,7 @@ bool Endpoint::pollAttempts(Nanoseconds now, DatagramSink& sink) {
 }
 
 void Endpoint::poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink, int maxTrains) {
-    if (now - lastPoll_ > kStopped)
+    if (now - std::max(nextWake(), lastPoll_) > kStopped)
         for (auto& [key, peer] : peers_) {
             peer->connection->forgiveSilence(now);
             reschedule(*peer);
@@ -438,12 +438,13 @@ void Endpoint::sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink) {
     }
 }
 
-void Endpoint::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay) {
+void Endpoint::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay,
+                        Nanoseconds now) {
     config_.timeout = timeout;
     config_.longestRepairWait = longestRepairWait;
     config_.longestClockDelay = longestClockDelay;
     for (auto& [key, peer] : peers_) {
-        peer->connection->setTimes(timeout, longestRepairWait, longestClockDelay);
+        peer->connection->setTimes(timeout, longestRepairWait, longestClockDelay, now);
         reschedule(*peer);
     }
 }

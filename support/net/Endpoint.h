@@ -105,7 +105,8 @@ public:
     /// Sends one goodbye to every peer.
     void sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink);
 
-    void setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay);
+    void setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay,
+                  Nanoseconds now);
 
     /// Adds what this endpoint and its connections have counted.
     void addStatistics(NetStatistics& statistics) const;
@@ -139,7 +140,7 @@ private:
     /// Events that nobody has taken; more connections are refused meanwhile.
     static constexpr std::size_t kMaxWaitingEvents = 1u << 18;
     static constexpr Nanoseconds kStopped =
-        kSecond / 2; ///< a longer pause of our own means that we were stopped
+        kSecond / 2; ///< woken so much later than asked for, we were stopped
 
     void onData(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
                 Nanoseconds arrival);

@@ -17,7 +17,8 @@ namespace kor::detail {
 
 namespace {
 constexpr int kBatchesPerTurn = 4;
-constexpr int kSpinsBeforePump = 256; // most locks are held for less than this
+constexpr int kSpinsBeforePump = 256;        // most locks are held for less than this
+constexpr Nanoseconds kFresh = kMillisecond; // we have woken for it at once
 constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
 constexpr int kGoodbyes = 3;
 constexpr auto kGoodbyeInterval = std::chrono::milliseconds(2);
@@ -170,6 +171,12 @@ void NetDriver::pump() {
     pumping_ = false;
 }
 
+/// True when we were waiting for that datagram, which then is likely to be alone. If not, the others are seen
+/// before the next sleep.
+bool NetDriver::sleptFor(const ReceivedRun& run) const {
+    return run.stamped && run.arrival > lastBusy_ && clockNow() - run.arrival < kFresh;
+}
+
 void NetDriver::receive() {
     for (std::size_t i = 0; i != sockets_.size(); ++i) {
         if (!poller_.readable(i))
@@ -178,15 +185,14 @@ void NetDriver::receive() {
             const std::lock_guard lock(coreMutex_);
             const std::size_t most = expectsMany_ ? ReceiveBatch::kSlots : 1;
             const std::size_t runs = sockets_[i]->receive(*batch_, most);
-            // One that we slept for is likely to be alone. If not, it is seen before the next sleep.
-            expectsMany_ = runs > 1 || (runs == 1 && (*batch_)[0].arrival <= lastBusy_);
+            expectsMany_ = runs > 1 || (runs == 1 && !sleptFor((*batch_)[0]));
             for (const ReceivedRun& run : *batch_) {
                 lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
                 for (std::size_t n = 0; n != run.datagramCount(); ++n)
                     endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
             }
-            if (runs < most || most == 1)
+            if (runs < most || !expectsMany_)
                 break;
         }
     }
@@ -392,7 +398,7 @@ void NetDriver::applyTimes() {
     if (endpoint_)
         endpoint_->setTimes(std::max(times.timeout, 1u) * kMillisecond,
                             std::max(times.longestRepairWait, 1u) * kMillisecond,
-                            static_cast<Nanoseconds>(delay * 1e6));
+                            static_cast<Nanoseconds>(delay * 1e6), clockNow());
 }
 
 ConnectionStatistics NetDriver::connectionStatistics(std::uint64_t serial) const {
@@ -408,7 +414,7 @@ NetStatistics NetDriver::statistics() const {
     const std::lock_guard lock(coreMutex_);
     if (endpoint_)
         endpoint_->addStatistics(result);
-    result.warmSends = sender_ && sender_->warms();
+    result.warmSends = sender_ && sender_->warmer().isOpen();
     for (const auto& socket : sockets_) {
         const UdpSocketFeatures& features = socket->features();
         const UdpSocketCounters counters = socket->counters();

@@ -81,6 +81,7 @@ private:
     static void spinHook(void* self);
     void pump();
     void receive();
+    bool sleptFor(const ReceivedRun& run) const;
     void takeOutboxes();
     void sendOut();
     void sendDue();

@@ -55,11 +55,12 @@ void NetDriver::sendOut() {
 }
 
 void NetDriver::sendDue() {
-    if (sender_->blocked() && !sender_->retry())
-        return;
     Nanoseconds now = clockNow();
     if (now - lastBusy_ > kGoesCold)
         sender_->afterRest();
+    lastBusy_ = std::max(lastBusy_, now);
+    if (sender_->blocked() && !sender_->retry())
+        return;
     for (int trains = 0; trains != kTrainsPerTurn && !sender_->blocked(); ++trains) {
         const Nanoseconds due = endpoint_->nextWake();
         if (due > now + kSoon)

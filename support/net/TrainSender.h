@@ -24,7 +24,7 @@ public:
 
     /// Nothing has been sent or received for some milliseconds.
     void afterRest() { cold_ = warmer_.isOpen(); }
-    bool warms() const { return warmer_.isOpen(); }
+    const SendWarmer& warmer() const { return warmer_; }
 
     bool send(const Outgoing& outgoing) override;
 

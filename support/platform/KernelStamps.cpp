@@ -47,9 +47,12 @@ void KernelStamps::update(const ClockPair& now) {
 }
 
 Nanoseconds KernelStamps::arrival(Nanoseconds stamp) const {
+    return trusts(stamp) ? now_.ours - elapsed(now_.wall, stamp) : now_.ours;
+}
+
+bool KernelStamps::trusts(Nanoseconds stamp) const {
     const Nanoseconds age = elapsed(now_.wall, stamp);
-    const bool trusted = distrustUntil_ == INT64_MIN && age >= 0 && age <= kMaxAge;
-    return trusted ? now_.ours - age : now_.ours;
+    return distrustUntil_ == INT64_MIN && age >= 0 && age <= kMaxAge;
 }
 
 } // namespace kor::detail

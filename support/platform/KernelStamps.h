@@ -40,6 +40,9 @@ public:
     /// is not to be trusted. Never later than that.
     Nanoseconds arrival(Nanoseconds stamp) const;
 
+    /// False for a stamp that arrival() does not use.
+    bool trusts(Nanoseconds stamp) const;
+
 private:
     ClockPair now_;
     Nanoseconds distrustUntil_ = INT64_MIN;

@@ -120,7 +120,9 @@ void Poller::wait(Nanoseconds deadline) {
         socket.found = 0;
     const bool sleep = waker_.beginSleep() && armFor(deadline);
     std::array<epoll_event, kEventsPerWait> events;
-    const int found = ::epoll_wait(watches_->epoll.get(), events.data(), kEventsPerWait, sleep ? -1 : 0);
+    int found = ::epoll_wait(watches_->epoll.get(), events.data(), kEventsPerWait, sleep ? -1 : 0);
+    if (found < 0) // interrupted, perhaps for long: what has come meanwhile must be seen
+        found = ::epoll_wait(watches_->epoll.get(), events.data(), kEventsPerWait, 0);
     woken_ = waker_.endSleep();
     for (int i = 0; i < found; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];

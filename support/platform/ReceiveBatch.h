@@ -19,6 +19,7 @@ struct ReceivedRun {
         bytes;                   ///< all datagrams back to back; valid until the batch is filled again
     std::size_t segmentSize = 0; ///< size of each datagram but the last; never 0 unless `bytes` is empty
     Nanoseconds arrival = 0;     ///< of the first of them, on our clock; never later than its reading
+    bool stamped = false;        ///< the arrival is the kernel's; else it is the time of reading
 
     /// At least 1: an empty datagram counts.
     std::size_t datagramCount() const {

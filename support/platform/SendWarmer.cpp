@@ -31,6 +31,7 @@ bool SendWarmer::open() {
 void SendWarmer::warm() {
     if (!isOpen())
         return;
+    ++count_;
     const int kept = errno;
     std::array<char, kBytes> bytes{};
     // With the address, although it is connected, so that the route is looked up as for any peer.

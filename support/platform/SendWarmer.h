@@ -3,6 +3,8 @@
 #include "support/platform/FileDescriptor.h"
 #include "support/platform/SocketAddress.h"
 
+#include <cstdint>
+
 namespace kor::detail {
 
 /// Warms up a datagram's way into the network.
@@ -18,8 +20,10 @@ public:
     bool isOpen() const { return fd_.valid(); }
 
     void warm();
+    std::uint64_t count() const { return count_; } ///< of warm-ups made
 
 private:
+    std::uint64_t count_ = 0;
     FileDescriptor fd_;
     SocketAddress self_;
 };

@@ -108,10 +108,12 @@ void UdpSocket::describe(ReceiveBatch& batch, std::size_t i) {
     run.bytes = {batch.slot(i), length};
     run.segmentSize = length;
     run.arrival = stamps_.now();
+    run.stamped = false;
     for (cmsghdr* control = CMSG_FIRSTHDR(&message.msg_hdr); control != nullptr;
          control = CMSG_NXTHDR(&message.msg_hdr, control)) {
         if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPNS) {
             run.arrival = stamps_.arrival(stampOf(control));
+            run.stamped = stamps_.trusts(stampOf(control));
         } else if (control->cmsg_level == IPPROTO_UDP && control->cmsg_type == UDP_GRO) {
             int size = 0;
             std::memcpy(&size, CMSG_DATA(control), sizeof size);

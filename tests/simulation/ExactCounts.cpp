@@ -111,7 +111,7 @@ std::vector<Case> cases() {
     add("Frames", ethernet(), frameWall, {8564, 13000020, 7200, 0, 0, 1048, 156});
     add("FramesAtOnePercentLoss", lossy(0.01), frameWall, {8727, 13112388, 7282, 82, 99057, 1129, 156});
     add("FramesAtTwentyPercentLoss", lossy(0.2), frameWall,
-        {12299, 16225668, 9839, 2639, 2850336, 2373, 162});
+        {12312, 16223655, 9818, 2618, 2846286, 2399, 162});
     add("Bulk", ethernet(), [](World& world) { bulk(world, kMegabyte, 32); },
         {23954, 35022613, 23360, 0, 0, 567, 25});
     add("BulkOnJumboFrames", {}, [](World& world) { bulk(world, kMegabyte, 32); },
@@ -135,7 +135,7 @@ std::vector<Case> cases() {
 
     path = ethernet();
     path.corrupted = 0.05;
-    add("Corruption", path, frameWall, {9309, 13610066, 7620, 420, 542087, 1377, 156});
+    add("Corruption", path, frameWall, {9327, 13599034, 7619, 419, 529930, 1396, 156});
 
     path = ethernet();
     path.delay = 5 * kMillisecond;

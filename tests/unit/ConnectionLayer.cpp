@@ -236,6 +236,33 @@ TEST(ConnectionLayerAlone, RefusesMoreThanTheQueueHoldsForAPeerThatTakesNothing)
     EXPECT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 17; }));
 }
 
+// Without the kernel's stamps nobody can tell whether a datagram has waited.
+TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStamps) {
+    for (const bool stamps : {true, false}) {
+        NetOptions options;
+        options.kernelTimeStamps = stamps;
+        options.receiveOffload = false;
+        options.maxDatagramPayload = 1472;
+        Side a;
+        Side b;
+        a.net.setOptions(options);
+        b.net.setOptions(options);
+        ASSERT_TRUE(a.open());
+        ASSERT_TRUE(b.open());
+        a.net.connect(jString("127.0.0.1"), b.port(), 1000, 30);
+        ASSERT_TRUE(a.recorder.awaitEvents({"connect"}));
+        const std::string packet = text(1 << 20, 1);
+        constexpr std::size_t kPackets = 20;
+        for (std::size_t i = 0; i != kPackets; ++i)
+            ASSERT_NE(a.recorder.user->sendAsyn(packet.data(), static_cast<int>(packet.size())),
+                      RTUser::kRefused);
+        ASSERT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == kPackets; }));
+        const NetStatistics statistics = b.net.getStatistics();
+        EXPECT_LT(statistics.systemCallsReceive, statistics.datagramsReceived * 9 / 10)
+            << "stamps " << stamps;
+    }
+}
+
 TEST(ConnectionLayerAlone, OpensAndReleasesAgainAndRefusesATakenPort) {
     Side a;
     ASSERT_TRUE(a.open());

@@ -51,7 +51,7 @@ protected:
 TEST_F(TrainSenderStamps, ArePutInWhenTheDatagramLeaves) {
     for (const bool warm : {false, true}) {
         TrainSender sender(sockets_, {true, warm});
-        EXPECT_EQ(sender.warms(), warm);
+        EXPECT_EQ(sender.warmer().isOpen(), warm);
         for (int rest = 0; rest != 3; ++rest) {
             sender.afterRest();
             const Nanoseconds before = clockNow();
@@ -59,7 +59,10 @@ TEST_F(TrainSenderStamps, ArePutInWhenTheDatagramLeaves) {
             EXPECT_GE(stamp, before);
             EXPECT_LE(stamp, clockNow());
         }
+        EXPECT_EQ(sender.warmer().count(), warm ? 3u : 0u);
+        stampThatArrives(sender, true);
         EXPECT_EQ(stampThatArrives(sender, false), kLongAgo);
+        EXPECT_EQ(sender.warmer().count(), warm ? 3u : 0u) << "only after a rest";
     }
 }
 

@@ -13,9 +13,11 @@ std::string describeAck(const detail::AckFrame& ack) {
     std::string text =
         " ack(up " + std::to_string(ack.handedUp) + ", held " + std::to_string(ack.delayMicroseconds) + "us:";
     for (std::size_t i = 0; i != ack.rangeCount; ++i)
-        text += " " + std::to_string(ack.ranges[i].last - ack.ranges[i].count + 1) + "-" +
-                std::to_string(ack.ranges[i].last);
-    return text + ")";
+        text.append(" ")
+            .append(std::to_string(ack.ranges[i].last - ack.ranges[i].count + 1))
+            .append("-")
+            .append(std::to_string(ack.ranges[i].last));
+    return text.append(")");
 }
 
 } // namespace
@@ -24,7 +26,7 @@ std::string describe(std::span<const std::uint8_t> datagram) {
     constexpr std::array kKinds = {"?", "request", "challenge", "response", "accept", "reset", "data"};
     const auto decoded = std::make_unique<detail::DecodedDatagram>();
     if (detail::decodeDatagram(datagram, *decoded) != detail::DecodeError::none)
-        return "malformed, " + std::to_string(datagram.size()) + " bytes";
+        return std::string("malformed, ").append(std::to_string(datagram.size())).append(" bytes");
     std::string text = kKinds[static_cast<std::size_t>(decoded->header.kind)];
     text += " " + std::to_string(datagram.size()) + " bytes, id " +
             std::to_string(decoded->header.connectionId % 10'000);

@@ -1,0 +1,113 @@
+#include "tests/simulation/world/World.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstddef>
+#include <vector>
+
+namespace kor::simulation {
+
+namespace {
+
+using detail::NetEvent;
+
+/// A master (host 0) and a slave (host 1), with a timeout each, that count how often one loses the other.
+struct Pair {
+    explicit Pair(const WorldModel& model, Nanoseconds masterTimeout = 2 * kSecond,
+                  Nanoseconds slaveTimeout = 2 * kSecond, double driftPpm = 0)
+        : world(model) {
+        HostModel one;
+        one.timeout = masterTimeout;
+        one.driftPpm = driftPpm;
+        HostModel other;
+        other.timeout = slaveTimeout;
+        other.driftPpm = -driftPpm;
+        world.addHost(one);
+        world.addHost(other);
+        for (Host* host : {&master(), &slave()})
+            host->onEvent = [this](const NetEvent& event) { lost += event.kind == NetEvent::Kind::lost; };
+        slave().connect(master());
+    }
+
+    Host& master() { return world.host(0); }
+    Host& slave() { return world.host(1); }
+
+    World world;
+    int lost = 0;
+};
+
+} // namespace
+
+TEST(KeepAlive, HoldsWhateverTheTimeoutsOfTheTwoSides) {
+    constexpr std::array kTimeouts = {10, 25, 50, 100, 300, 2000};
+    for (const int one : kTimeouts)
+        for (const int other : kTimeouts) {
+            Pair pair({}, one * kMillisecond, other * kMillisecond);
+            pair.world.runFor(5 * kSecond);
+            EXPECT_EQ(pair.lost, 0) << one << " ms and " << other << " ms";
+        }
+}
+
+TEST(KeepAlive, HoldsWhenATimeoutIsLowered) {
+    for (int phase = 0; phase != 50; ++phase)
+        for (const bool masters : {true, false}) {
+            Pair pair({});
+            pair.world.runFor(3 * kSecond + phase * 13 * kMillisecond);
+            Host& host = masters ? pair.master() : pair.slave();
+            host.endpoint().setTimes(100 * kMillisecond, 250 * kMillisecond, kSecond, host.clock());
+            pair.world.inject(host, RTAddr(0x0A0000FF, 1), {}); // wakes it
+            pair.world.runFor(kSecond);
+            EXPECT_EQ(pair.lost, 0) << phase;
+        }
+}
+
+TEST(KeepAlive, AReportHeldForLongIsNotTakenForARoundTrip) {
+    WorldModel model;
+    model.seed = 3;
+    model.path.delay = 10 * kMicrosecond;
+    model.path.loss = 0.2;
+    for (const double ppm : {100.0, -100.0}) {
+        Pair pair(model, 2 * kSecond, 2 * kSecond, ppm);
+        pair.world.runFor(120 * kSecond);
+        ASSERT_NE(pair.master().connectionTo(pair.slave()), nullptr);
+        ASSERT_NE(pair.slave().connectionTo(pair.master()), nullptr);
+        EXPECT_LT(pair.master().connectionTo(pair.slave())->statistics(0).roundTripP99, 1) << "ms";
+        EXPECT_LT(pair.slave().connectionTo(pair.master())->statistics(0).roundTripP99, 1) << "ms";
+    }
+}
+
+TEST(KeepAlive, StampsLeaveInAShortDatagramOfTheirOwn) {
+    const auto check = [](std::uint32_t packet, std::size_t mtu) {
+        WorldModel model;
+        model.path.mtu = mtu;
+        std::vector<Recording> record;
+        Pair pair(model);
+        pair.world.record = &record;
+        pair.world.runFor(500 * kMillisecond);
+        record.clear();
+        for (int frame = 0; frame != 100; ++frame) {
+            for (int i = 0; i != 66; ++i)
+                pair.master().send(pair.slave(), packet);
+            pair.world.runFor(25 * kMillisecond);
+        }
+        std::size_t stamped = 0;
+        detail::DecodedDatagram datagram;
+        for (std::size_t i = 0; i != record.size(); ++i) {
+            ASSERT_EQ(decodeDatagram(record[i].bytes, datagram), detail::DecodeError::none);
+            if (!datagram.time)
+                continue;
+            ++stamped;
+            EXPECT_LE(record[i].bytes.size(), 1472u);
+            const bool last = i + 1 == record.size();
+            EXPECT_FALSE(!last && record[i + 1].at == record[i].at && record[i + 1].from == record[i].from)
+                << "another datagram in the same train";
+        }
+        EXPECT_GE(stamped, 100u);
+    };
+    for (const std::uint32_t packet : {20u, 600u, 20'000u})
+        for (const std::size_t mtu : {std::size_t{1472}, std::size_t{65507}})
+            check(packet, mtu);
+}
+
+} // namespace kor::simulation
