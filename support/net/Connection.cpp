@@ -5,8 +5,9 @@
 namespace kor::detail {
 
 namespace {
-constexpr Nanoseconds kAckDelay = 500 * kMicrosecond; // longest wait before an acknowledgement leaves
-constexpr std::uint32_t kAckBytes = 16u << 10;        // that much unacknowledged is reported at once
+constexpr Nanoseconds kAckDelay = 500 * kMicrosecond;      // longest wait before an acknowledgement leaves
+constexpr Nanoseconds kLongestLateness = 2 * kMillisecond; // beyond that, as far as repairs wait for it
+constexpr std::uint32_t kAckBytes = 16u << 10;             // that much unacknowledged is reported at once
 constexpr Nanoseconds kFirstReorderWindow = 500 * kMicrosecond;
 constexpr Nanoseconds kLongestReorderWindow = 20 * kMillisecond;
 constexpr Nanoseconds kReorderCalm = kSecond; // without a spurious repair the window narrows again
@@ -112,6 +113,7 @@ bool Connection::takeAck(const AckFrame& ack, Nanoseconds arrival, Ring<NetEvent
     if (result.newestSent) {
         const Nanoseconds held = Nanoseconds{ack.delayMicroseconds} * kMicrosecond;
         const Nanoseconds raw = arrival - *result.newestSent;
+        lateness_ = std::max(std::min(held - kAckDelay, kLongestLateness), lateness_ - lateness_ / 64);
         // The peer's clock may run fast, and it may have held a report of which the first copy was lost.
         if (held < raw || !roundTrip_.known())
             roundTrip_.add(held < raw ? raw - held : raw, arrival);
@@ -240,7 +242,7 @@ Nanoseconds Connection::lossRoundTrip() const {
 Nanoseconds Connection::repairWait() const {
     const Nanoseconds smoothed = roundTrip_.known() ? roundTrip_.smoothed() : config_.firstRoundTrip;
     const Nanoseconds variation = roundTrip_.known() ? roundTrip_.variation() : config_.firstRoundTrip / 2;
-    const Nanoseconds once = smoothed + std::max(4 * variation, kLeastVariation) + kAckDelay;
+    const Nanoseconds once = smoothed + std::max(4 * variation, kLeastVariation) + kAckDelay + lateness_;
     return std::min(once << std::min(silentProbes_, 16), std::max(once, config_.longestRepairWait));
 }
 

@@ -148,8 +148,9 @@ private:
     Nanoseconds lastProgress_ = 0;
     Nanoseconds reorderWindow_;
     Nanoseconds lastSpurious_ = 0;
-    int silentProbes_ = 0;  ///< probes since the last acknowledgement
-    bool probeDue_ = false; ///< the next train may exceed the window
+    Nanoseconds lateness_ = 0; ///< by which the peer's reports lately waited longer than they should
+    int silentProbes_ = 0;     ///< probes since the last acknowledgement
+    bool probeDue_ = false;    ///< the next train may exceed the window
     bool stalled_ = false;
     std::uint64_t deliveredId_ = 0; ///< last packet of ours that the peer has handed up
     std::array<FragmentRef, kMaxFragmentsPerDatagram> pieces_;

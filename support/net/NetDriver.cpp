@@ -16,8 +16,8 @@
 namespace kor::detail {
 
 namespace {
-constexpr int kBatchesPerTurn = 4;
-constexpr int kSpinsBeforePump = 256;        // most locks are held for less than this
+constexpr int kBatchesPerTurn = 8;    // what lies unread may be the report of what else is taken for lost
+constexpr int kSpinsBeforePump = 256; // most locks are held for less than this
 constexpr Nanoseconds kFresh = kMillisecond; // we have woken for it at once
 constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
 constexpr int kGoodbyes = 3;

@@ -111,7 +111,7 @@ std::vector<Case> cases() {
     add("Frames", ethernet(), frameWall, {8564, 13000020, 7200, 0, 0, 1048, 156});
     add("FramesAtOnePercentLoss", lossy(0.01), frameWall, {8727, 13112388, 7282, 82, 99057, 1129, 156});
     add("FramesAtTwentyPercentLoss", lossy(0.2), frameWall,
-        {12312, 16223655, 9818, 2618, 2846286, 2399, 162});
+        {12330, 16244653, 9843, 2643, 2864718, 2406, 162});
     add("Bulk", ethernet(), [](World& world) { bulk(world, kMegabyte, 32); },
         {23954, 35022613, 23360, 0, 0, 567, 25});
     add("BulkOnJumboFrames", {}, [](World& world) { bulk(world, kMegabyte, 32); },
@@ -127,7 +127,7 @@ std::vector<Case> cases() {
     path = ethernet();
     path.reordered = 0.1;
     path.reorderDelay = 3 * kMillisecond;
-    add("Reordering", path, frameWall, {9750, 13531070, 7596, 396, 479145, 1838, 156});
+    add("Reordering", path, frameWall, {9639, 13462716, 7546, 346, 414998, 1777, 156});
 
     path = ethernet();
     path.duplicated = 0.2;
@@ -141,7 +141,7 @@ std::vector<Case> cases() {
     path.delay = 5 * kMillisecond;
     path.jitter = 2 * kMillisecond;
     path.keepsOrder = false;
-    add("JitteredDelay", path, frameWall, {11248, 13218765, 7287, 87, 78586, 3647, 174});
+    add("JitteredDelay", path, frameWall, {11220, 13222809, 7285, 85, 84106, 3621, 175});
 
     add("AsymmetricDelay", ethernet(),
         [](World& world) {
@@ -166,7 +166,7 @@ std::vector<Case> cases() {
     small.handlerTime = 0;
     small.wakeLatency = kMillisecond;
     add("OverflowingReceiver", ethernet(), [small](World& world) { bulk(world, kMegabyte, 8, small); },
-        {6812, 10611295, 6821, 971, 1238484, 74, 34});
+        {6781, 10567534, 6804, 956, 1195486, 72, 34});
 
     add("SuspendedSlave", ethernet(),
         [](World& world) {
@@ -180,7 +180,7 @@ std::vector<Case> cases() {
             slave.resume();
             world.settle();
         },
-        {1462, 2334779, 1539, 11, 8874, 167, 49});
+        {1461, 2334711, 1539, 11, 8874, 166, 49});
 
     HostModel drifting;
     drifting.driftPpm = 100;

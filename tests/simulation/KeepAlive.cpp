@@ -77,6 +77,22 @@ TEST(KeepAlive, AReportHeldForLongIsNotTakenForARoundTrip) {
     }
 }
 
+TEST(KeepAlive, LateReportsOfABusyPeerAreWaitedFor) {
+    World world({});
+    Host& master = world.addHost();
+    HostModel busy;
+    busy.wakeLatency = 1500 * kMicrosecond;
+    Host& slave = world.addHost(busy);
+    slave.connect(master);
+    world.runFor(200 * kMillisecond);
+    constexpr std::uint64_t kPackets = 500;
+    world.flow(master, slave, world.now(), 4 * kMillisecond, kPackets, [] { return 1000u; });
+    world.settle();
+    const ConnectionStatistics statistics = master.connectionTo(slave)->statistics(0);
+    EXPECT_EQ(statistics.packetsDelivered, kPackets);
+    EXPECT_LE(statistics.repairs, kPackets / 100);
+}
+
 TEST(KeepAlive, StampsLeaveInAShortDatagramOfTheirOwn) {
     const auto check = [](std::uint32_t packet, std::size_t mtu) {
         WorldModel model;
