@@ -193,6 +193,7 @@ TEST_F(TraceTest, AFileThatCannotBeWrittenIsAnErrorAndLeavesWhatWasThere) {
 }
 
 TEST_F(TraceTest, ThreadsRecordWhileAnotherOneStartsEndsAndWrites) {
+    setProfileHandler({}); // the fixture's is for one thread
     Trace small(1);
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -208,7 +209,6 @@ TEST_F(TraceTest, ThreadsRecordWhileAnotherOneStartsEndsAndWrites) {
             }
         });
     }
-    setProfileHandler({}); // the fixture's is for one thread
     for (int i = 0; i < 20; ++i) {
         EXPECT_TRUE(small.begin({}));
         EXPECT_TRUE(small.write(folder.file("trace.json")));
