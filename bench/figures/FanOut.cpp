@@ -40,29 +40,51 @@ std::map<std::size_t, Span> ticksOf(Peers& peers) {
     return ticks;
 }
 
-} // namespace
+/// Measures one of the two programs, a round at a time.
+class FanOut {
+public:
+    explicit FanOut(const std::string& kind) : peers_(kind) {
+        peers_.master.ask("ticks", {kPerSecond, kPerSecond, kBytes});
+        ticksOf(peers_);
+    }
 
-void measureFanOut(Table& table) {
-    Peers peers;
-    peers.master.ask("ticks", {kPerSecond, kPerSecond, kBytes});
-    ticksOf(peers);
-    std::vector<double> loads;
-    std::vector<double> spreads;
-    for (int round = 0; round != kRounds; ++round) {
-        const std::vector<double> before = peers.master.ask("usage");
-        loads.push_back(peers.load(before, peers.master.ask("ticks", {kTicks, kPerSecond, kBytes})));
-        peers.master.ask("users", {kPeers}); // let the last tick arrive
+    void round() {
+        const std::vector<double> before = peers_.master.ask("usage");
+        loads_.push_back(peers_.load(before, peers_.master.ask("ticks", {kTicks, kPerSecond, kBytes})));
+        peers_.master.ask("users", {kPeers}); // let the last tick arrive
         std::vector<double> ofRound;
-        for (const auto& [number, tick] : ticksOf(peers))
+        for (const auto& [number, tick] : ticksOf(peers_))
             if (tick.count == kPeers)
                 ofRound.push_back((tick.last - tick.first) * 1e-6);
         if (static_cast<double>(ofRound.size()) < kTicks / 2)
             throw std::runtime_error("most ticks did not reach every peer");
-        spreads.push_back(median(ofRound));
+        spreads_.push_back(median(ofRound));
     }
-    table.add({"fan-out, 250 peers at 240 Hz, sender's load, vs limit", median(loads), "%", kLimitPercent});
-    table.add(
-        {"fan-out, 250 peers at 240 Hz, spread of a tick, vs limit", median(spreads), "ms", kLimitSpreadMs});
+
+    double load() const { return median(loads_); }
+    double spread() const { return median(spreads_); }
+
+private:
+    Peers peers_;
+    std::vector<double> loads_;
+    std::vector<double> spreads_;
+};
+
+} // namespace
+
+void measureFanOut(Table& table) {
+    FanOut ours("kor");
+    FanOut udp("udp");
+    for (int round = 0; round != kRounds; ++round) {
+        ours.round();
+        udp.round();
+    }
+    const std::string load = "fan-out, 250 peers at 240 Hz, sender's load, vs ";
+    table.add({load + "limit", ours.load(), "%", kLimitPercent});
+    table.add({load + "UDP with the same calls", ours.load(), "%", udp.load()});
+    const std::string spread = "fan-out, 250 peers at 240 Hz, spread of a tick, vs ";
+    table.add({spread + "limit", ours.spread(), "ms", kLimitSpreadMs});
+    table.add({spread + "UDP with the same calls", ours.spread(), "ms", udp.spread()});
 }
 
 } // namespace kor::bench

@@ -18,7 +18,7 @@ constexpr double kLimitMebibytes = 64;
 } // namespace
 
 void measureIdle(Table& table) {
-    Peers peers;
+    Peers peers("kor");
     std::this_thread::sleep_for(kSettle);
     std::vector<double> loads;
     std::vector<double> before = peers.master.ask("usage");

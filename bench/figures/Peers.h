@@ -3,19 +3,21 @@
 #include "../Child.h"
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kor::bench {
 
 inline constexpr int kPeers = 250;
 
-/// A master process and 250 peers of it in other processes.
+/// A master process of a kind ("kor" or "udp") and 250 peers of it in other processes.
 class Peers {
 public:
-    Peers() {
+    explicit Peers(const std::string& kind) : master(kind + "-master") {
         const double port = master.hear().at(0);
         for (int i = 0; i != kHosts; ++i)
-            hosts.push_back(std::make_unique<Child>("peer-host", std::vector<double>{port, kPeers / kHosts}));
+            hosts.push_back(
+                std::make_unique<Child>(kind + "-peer-host", std::vector<double>{port, kPeers / kHosts}));
         for (const auto& host : hosts)
             host->hear();
         master.ask("users", {kPeers});
@@ -26,7 +28,7 @@ public:
         return 100 * (after.at(0) - before.at(0)) / (after.at(1) - before.at(1));
     }
 
-    Child master{"kor-master"};
+    Child master;
     std::vector<std::unique_ptr<Child>> hosts;
 
 private:

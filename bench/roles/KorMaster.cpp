@@ -36,8 +36,6 @@ void tick(const std::vector<RTUser*>& users, int count, double perSecond, std::s
 
 } // namespace
 
-/// Answers its port. Orders: "users COUNT" waits until so many are connected; "usage" answers processor
-/// seconds, the time, and resident MiB; "ticks COUNT PER_SECOND BYTES" sends to everybody.
 void korMaster(const std::vector<double>&, Orders& orders) {
     KorNode node;
     std::vector<RTUser*> users;

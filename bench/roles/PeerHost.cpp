@@ -2,6 +2,7 @@
 // processors a thread for each would measure the scheduler instead of the sender. Notes when the kernel
 // stamped each packet.
 
+#include "Arrivals.h"
 #include "Roles.h"
 #include "SystemTime.h"
 
@@ -16,7 +17,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -30,43 +30,6 @@ namespace {
 using namespace kor::detail;
 
 constexpr Nanoseconds kLongestWait = 50 * kMillisecond;
-
-/// First and last arrival of each tick, in nanoseconds of the system's clock.
-class Arrivals {
-public:
-    void note(std::int32_t tick, std::int64_t at) {
-        const std::lock_guard lock(mutex_);
-        if (tick < 0 || tick > 1'000'000)
-            return;
-        if (static_cast<std::size_t>(tick) >= spans_.size())
-            spans_.resize(static_cast<std::size_t>(tick) + 1);
-        Span& span = spans_[static_cast<std::size_t>(tick)];
-        span.first = span.count == 0 ? at : std::min(span.first, at);
-        span.last = std::max(span.last, at);
-        ++span.count;
-    }
-    /// Count, first and last of each tick; starts anew.
-    std::vector<double> take() {
-        const std::lock_guard lock(mutex_);
-        std::vector<double> numbers;
-        for (const Span& span : spans_) {
-            numbers.push_back(static_cast<double>(span.count));
-            numbers.push_back(static_cast<double>(span.first));
-            numbers.push_back(static_cast<double>(span.last));
-        }
-        spans_.clear();
-        return numbers;
-    }
-
-private:
-    struct Span {
-        int count = 0;
-        std::int64_t first = 0;
-        std::int64_t last = 0;
-    };
-    std::mutex mutex_;
-    std::vector<Span> spans_;
-};
 
 /// One peer without a thread.
 class Peer {
@@ -116,10 +79,7 @@ private:
             const NetEvent& event = events.front();
             if (event.kind != NetEvent::Kind::packet)
                 continue;
-            std::int32_t tick = -1;
-            if (event.bytes.size() >= sizeof tick)
-                std::memcpy(&tick, event.bytes.data(), sizeof tick);
-            arrivals.note(tick, at);
+            arrivals.note({event.bytes.data(), event.bytes.size()}, at);
             endpoint_->handedUp(event.serial, event.bytes.size(), clockNow());
         }
     }
@@ -184,9 +144,7 @@ private:
 
 } // namespace
 
-/// Given the master's port and a count. Answers when all are connected; "arrivals" answers count, first and
-/// last of each tick.
-void peerHost(const std::vector<double>& arguments, Orders& orders) {
+void korPeerHost(const std::vector<double>& arguments, Orders& orders) {
     Host host(static_cast<std::uint16_t>(arguments.at(0)), static_cast<std::size_t>(arguments.at(1)));
     while (!host.connected())
         host.turn();

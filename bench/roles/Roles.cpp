@@ -31,7 +31,9 @@ Role findRole(const std::string& name) {
         {"tcp-delay-sink", tcpDelaySink},
         {"tcp-delay-source", tcpDelaySource},
         {"kor-master", korMaster},
-        {"peer-host", peerHost},
+        {"kor-peer-host", korPeerHost},
+        {"udp-master", udpMaster},
+        {"udp-peer-host", udpPeerHost},
         {"kor-clock", korClock},
     });
     const auto found =

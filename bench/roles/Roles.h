@@ -41,9 +41,14 @@ void korDelaySource(const std::vector<double>& arguments, Orders& orders);
 void tcpDelaySink(const std::vector<double>& arguments, Orders& orders);
 void tcpDelaySource(const std::vector<double>& arguments, Orders& orders);
 
-// A master with many peers, and a process that holds many peers.
+// A master with many peers answers its port. Orders: "users COUNT" waits until so many are connected; "usage"
+// answers processor seconds, the time, and resident MiB; "ticks COUNT PER_SECOND BYTES" sends to everybody.
+// A process that holds many peers is given the master's port and a count; "arrivals" answers count, first and
+// last of each tick.
 void korMaster(const std::vector<double>& arguments, Orders& orders);
-void peerHost(const std::vector<double>& arguments, Orders& orders);
+void korPeerHost(const std::vector<double>& arguments, Orders& orders);
+void udpMaster(const std::vector<double>& arguments, Orders& orders);
+void udpPeerHost(const std::vector<double>& arguments, Orders& orders);
 
 // Two ends that estimate each other's clock.
 void korClock(const std::vector<double>& arguments, Orders& orders);
