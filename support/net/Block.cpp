@@ -15,19 +15,8 @@ namespace {
 constexpr const char* kSource = "support/net/Block";
 }
 
-Block::Block(Block&& other) noexcept
-    : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
-
-Block& Block::operator=(Block&& other) noexcept {
-    std::swap(data_, other.data_);
-    std::swap(size_, other.size_);
-    return *this;
-}
-
-Block::~Block() {
-    if (data_ == nullptr)
-        return;
-    memRemoveInfo(data_, kSource, __LINE__, "Block::~Block");
+void Block::free() {
+    memRemoveInfo(data_, kSource, __LINE__, "Block::free");
     keepSpareBlock(data_, size_);
 }
 

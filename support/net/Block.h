@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 namespace kor::detail {
 
@@ -8,9 +9,17 @@ namespace kor::detail {
 class Block {
 public:
     Block() = default;
-    Block(Block&& other) noexcept;
-    Block& operator=(Block&& other) noexcept;
-    ~Block();
+    Block(Block&& other) noexcept
+        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+    Block& operator=(Block&& other) noexcept {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        return *this;
+    }
+    ~Block() {
+        if (data_ != nullptr)
+            free();
+    }
 
     /// A block of `size` bytes, not initialised; empty when the system has no memory for it.
     static Block allocate(std::uint32_t size);
@@ -26,6 +35,8 @@ public:
     bool grow(std::uint32_t size, std::uint32_t keep);
 
 private:
+    void free();
+
     unsigned char* data_ = nullptr;
     std::uint32_t size_ = 0;
 };

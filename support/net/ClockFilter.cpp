@@ -110,6 +110,10 @@ void ClockFilter::reset() {
     state_->line.reset();
 }
 
+bool ClockFilter::doubtful() const {
+    return state_->rival.samples() != 0;
+}
+
 const ClockEstimate& ClockFilter::estimate() const {
     return state_->line.estimate();
 }

@@ -14,8 +14,11 @@ constexpr Nanoseconds kReorderCalm = kSecond; // without a spurious repair the w
 constexpr Nanoseconds kFirstRoundTrip = 5 * kMillisecond; // when nobody has measured one
 constexpr Nanoseconds kLeastVariation = 250 * kMicrosecond;
 constexpr Nanoseconds kVolleyStep = 5 * kMillisecond;
-constexpr Nanoseconds kAcceptorPatience = 25 * kMillisecond; // then the accepting side helps itself
+// The accepting side learns the clock from the other's volley; after that long it helps itself.
+constexpr Nanoseconds kAcceptorPatience = 25 * kMillisecond;
+constexpr Nanoseconds kSettling = 2 * kSecond; // while the clock's estimate is coarse
 constexpr Nanoseconds kStampInterval = 20 * kMillisecond;
+constexpr Nanoseconds kSettledStampInterval = 100 * kMillisecond;
 constexpr std::size_t kLongestStamped = 1472; // a datagram with stamps and data
 constexpr std::uint32_t kMaxInFlight = 16384; // datagrams
 constexpr std::uint32_t kMaxRecorded = 4 * kMaxInFlight;
@@ -29,11 +32,6 @@ std::uint32_t payloadLimit(const ConnectionConfig& config) {
 
 Connection::Connection(const ConnectionConfig& config, Nanoseconds now)
     : config_(config),
-      queue_(config.firstPacketId),
-      sent_(config.firstNumber),
-      probe_(payloadLimit(config), now),
-      reassembly_(config.firstPacketId, {config.mine.maxPacketBytes, config.mine.receiveLimitBytes}),
-      received_(static_cast<std::uint32_t>(config.firstNumber)),
       nextTrain_(now),
       lastProgress_(now),
       reorderWindow_(kFirstReorderWindow),
@@ -45,7 +43,13 @@ Connection::Connection(const ConnectionConfig& config, Nanoseconds now)
       nextVolley_(config.initiator ? now : now + kAcceptorPatience),
       lastBeat_(now),
       lastPing_(now),
-      lastStamp_(now - kStampInterval) {
+      lastStamp_(now - kStampInterval),
+      settledAt_(now + kSettling),
+      queue_(config.firstPacketId),
+      probe_(payloadLimit(config), now),
+      reassembly_(config.firstPacketId, {config.mine.maxPacketBytes, config.mine.receiveLimitBytes}),
+      sent_(config.firstNumber),
+      received_(static_cast<std::uint32_t>(config.firstNumber)) {
     if (config_.firstRoundTrip <= 0)
         config_.firstRoundTrip = kFirstRoundTrip;
     config_.firstRoundTrip = std::min(config_.firstRoundTrip, config_.longestRepairWait);
@@ -170,8 +174,12 @@ void Connection::takeTime(const TimeFrame& time, Nanoseconds arrival) {
         peerStamp_ = time.sent;
         peerStampArrival_ = arrival;
     }
-    if (time.hasEcho)
-        clock_.add({time.echoSent, time.echoReceived, time.sent, arrival});
+    if (!time.hasEcho)
+        return;
+    clock_.add({time.echoSent, time.echoReceived, time.sent, arrival});
+    clockKnown_ = clock().known;
+    if (clock_.doubtful())
+        settledAt_ = arrival + kSettling;
 }
 
 void Connection::noteForAck(const DecodedDatagram& datagram, Nanoseconds arrival) {
@@ -290,7 +298,7 @@ bool Connection::mayBeginTrain(Nanoseconds now) const {
 }
 
 bool Connection::stampDue(Nanoseconds now) const {
-    return stampWanted_ || now - lastStamp_ >= kStampInterval;
+    return stampWanted_ || now - lastStamp_ >= (now < settledAt_ ? kStampInterval : kSettledStampInterval);
 }
 
 DatagramWriter Connection::beginDatagram(std::span<std::uint8_t> buffer) const {
@@ -416,14 +424,15 @@ Nanoseconds Connection::nextWake() const {
     if (roundTrip_.known())
         wake = std::min(wake, probe_.nextProbe());
     wake = std::min(wake, sent_.nextLoss(lossRoundTrip(), reorderWindow_));
-    wake = std::min(wake, repairDeadline());
-    if (queue_.ready() && sent_.inFlight() < kMaxInFlight) {
-        if (probeDue_)
-            return kNow;
-        if (window_.open(sent_.inFlightCharge()))
-            wake = std::min(wake, nextTrain_);
-    }
-    return wake;
+    return std::min({wake, repairDeadline(), nextDataWake()});
+}
+
+Nanoseconds Connection::nextDataWake() const {
+    if (!queue_.ready() || sent_.inFlight() >= kMaxInFlight)
+        return kNever;
+    if (probeDue_)
+        return kNow;
+    return window_.open(sent_.inFlightCharge()) ? nextTrain_ : kNever;
 }
 
 void Connection::onTooBig(Nanoseconds now, std::size_t size) {

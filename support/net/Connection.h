@@ -71,6 +71,9 @@ public:
 
     /// When poll() has something to do next; may lie in the past.
     Nanoseconds nextWake() const;
+    /// The same as far as packets are concerned, which is all that send() makes earlier (but for a beat at
+    /// rest, that the packet makes needless).
+    Nanoseconds nextDataWake() const;
 
     /// The system refused a datagram of that size as too large for the way.
     void onTooBig(Nanoseconds now, std::size_t size);
@@ -84,6 +87,9 @@ public:
 
     /// Writes one goodbye datagram.
     Train farewell(std::span<std::uint8_t> buffer);
+
+    /// The last poll() stopped because the window was full.
+    bool stalled() const { return stalled_; }
 
     bool closedByPeer() const { return closedByPeer_; }
     const ConnectionConfig& config() const { return config_; }
@@ -131,17 +137,8 @@ private:
     bool inVolley() const;
     bool stampDue(Nanoseconds now) const;
 
+    // What every datagram needs lies together at the front; the longer tables follow.
     ConnectionConfig config_;
-    SendQueue queue_;
-    SentLog sent_;
-    SendWindow window_;
-    PayloadProbe probe_;
-    Reassembly reassembly_;
-    ReceivedNumbers received_;
-    RoundTrip roundTrip_;
-    ClockFilter clock_;
-    MalformedCounters malformed_;
-    ConnectionStatistics stats_;
 
     // sending
     Nanoseconds nextTrain_ = 0;
@@ -153,7 +150,6 @@ private:
     bool probeDue_ = false;    ///< the next train may exceed the window
     bool stalled_ = false;
     std::uint64_t deliveredId_ = 0; ///< last packet of ours that the peer has handed up
-    std::array<FragmentRef, kMaxFragmentsPerDatagram> pieces_;
 
     // receiving
     Nanoseconds lastHeard_ = 0;
@@ -175,10 +171,24 @@ private:
     bool resting_ = false; ///< since our last beat nothing but beats has passed
     int queries_ = 0;      ///< pings since the last hand-up was reported
     Nanoseconds lastStamp_ = 0;
+    Nanoseconds settledAt_; ///< from then on stamps may be rarer
+    bool clockKnown_ = false;
     bool stampWanted_ = false; ///< answer a stamped ping at once
     bool havePeerStamp_ = false;
     Nanoseconds peerStamp_ = 0;
     Nanoseconds peerStampArrival_ = 0;
+
+    SendQueue queue_;
+    SendWindow window_;
+    PayloadProbe probe_;
+    Reassembly reassembly_;
+    ConnectionStatistics stats_;
+    ClockFilter clock_;
+    SentLog sent_;
+    ReceivedNumbers received_;
+    RoundTrip roundTrip_;
+    MalformedCounters malformed_;
+    std::array<FragmentRef, kMaxFragmentsPerDatagram> pieces_; ///< of the datagram that is being written
 };
 
 } // namespace kor::detail

@@ -54,7 +54,7 @@ bool Connection::pingDue(Nanoseconds now) const {
 bool Connection::inVolley() const {
     // The accepting side learns from the other's volley, and adds to it only when too much of that was lost.
     const int sure = config_.initiator ? kVolley : 0;
-    return volley_ < sure || (volley_ < kLongestVolley && !clock().known);
+    return volley_ < sure || (volley_ < kLongestVolley && !clockKnown_);
 }
 
 } // namespace kor::detail

@@ -30,12 +30,12 @@ Endpoint::Peer* Endpoint::peerAt(const RTAddr& addr) {
 
 const Connection* Endpoint::find(std::uint64_t serial) const {
     const auto found = bySerial_.find(serial);
-    return found == bySerial_.end() ? nullptr : found->second->connection.get();
+    return found == bySerial_.end() ? nullptr : &found->second->connection;
 }
 
 std::uint64_t Endpoint::serialOf(std::uint64_t addressKey) const {
     const auto found = peers_.find(addressKey);
-    return found == peers_.end() ? 0 : found->second->connection->config().serial;
+    return found == peers_.end() ? 0 : found->second->connection.config().serial;
 }
 
 void Endpoint::pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey) {
@@ -57,7 +57,7 @@ void Endpoint::noteMeasured(Peer& peer) {
         return;
     peer.measuredIn = eventQueue_;
     peer.measuredAt = events_.end();
-    pushEvent(NetEvent::Kind::measured, peer.connection->config().serial, peer.addr.getKey());
+    pushEvent(NetEvent::Kind::measured, peer.connection.config().serial, peer.addr.getKey());
 }
 
 bool Endpoint::roomForEvents() {
@@ -79,30 +79,36 @@ void Endpoint::reportFailed(std::uint64_t addressKey) {
 
 // ------------------------------------------------------------------------------------------ what comes in
 
-void Endpoint::onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+bool Endpoint::onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
                           Nanoseconds arrival) {
     ++stats_.datagramsReceived;
     stats_.wireBytesReceived += bytes.size();
     const DecodeError error = decodeDatagram(bytes, *decoded_);
     if (error != DecodeError::none) {
         countMalformed(error);
-        return;
+        return false;
     }
     switch (decoded_->header.kind) {
     case DatagramKind::data:
         onData(socket, from, bytes, arrival);
-        return;
+        return !decoded_->wantsAck() && !decoded_->close;
     case DatagramKind::request:
-        return onRequest(socket, from, arrival);
+        onRequest(socket, from, arrival);
+        break;
     case DatagramKind::challenge:
-        return onChallenge(from, arrival);
+        onChallenge(from, arrival);
+        break;
     case DatagramKind::response:
-        return onResponse(socket, from, arrival);
+        onResponse(socket, from, arrival);
+        break;
     case DatagramKind::accept:
-        return onAccept(socket, from, arrival);
+        onAccept(socket, from, arrival);
+        break;
     case DatagramKind::reset:
-        return onReset(from, arrival);
+        onReset(from, arrival);
+        break;
     }
+    return false;
 }
 
 void Endpoint::countMalformed(DecodeError error) {
@@ -127,8 +133,8 @@ void Endpoint::onData(std::size_t socket, const RTAddr& from, std::span<const st
                       Nanoseconds arrival) {
     Peer* peer = peerAt(from);
     const DatagramHeader& header = decoded_->header;
-    if (peer == nullptr || peer->connection->config().connectionId != header.connectionId ||
-        peer->connection->config().initiator == header.fromInitiator) {
+    if (peer == nullptr || peer->connection.config().connectionId != header.connectionId ||
+        peer->connection.config().initiator == header.fromInitiator) {
         ++stats_.malformed.unknownConnection;
         // While we connect, the peer may already send on the connection that its lost acceptance would have
         // told us of.
@@ -136,10 +142,10 @@ void Endpoint::onData(std::size_t socket, const RTAddr& from, std::span<const st
             replyReset(socket, from, header, arrival);
         return;
     }
-    peer->connection->onDatagram(*decoded_, arrival, bytes.size(), events_);
+    peer->connection.onDatagram(*decoded_, arrival, bytes.size(), events_);
     if (decoded_->time)
         noteMeasured(*peer);
-    if (peer->connection->closedByPeer())
+    if (peer->connection.closedByPeer())
         end(*peer, NetEvent::Kind::disconnected);
     else
         reschedule(*peer);
@@ -172,9 +178,9 @@ void Endpoint::onResponse(std::size_t socket, const RTAddr& from, Nanoseconds no
         return;
     }
     Peer* peer = peerAt(from);
-    if (peer != nullptr && peer->nonce == nonce && !peer->connection->config().initiator) {
+    if (peer != nullptr && peer->nonce == nonce && !peer->connection.config().initiator) {
         if (Reply* out = reply(socket, from))
-            out->size = writeAccept(out->bytes, nonce, peer->connection->config().connectionId, config_.mine);
+            out->size = writeAccept(out->bytes, nonce, peer->connection.config().connectionId, config_.mine);
         return;
     }
     const auto attempt = attempts_.find(from.getKey());
@@ -190,7 +196,7 @@ void Endpoint::onResponse(std::size_t socket, const RTAddr& from, Nanoseconds no
     Peer& fresh = establish(socket, from, config_.random(), false, now - cookieTime, now);
     fresh.nonce = nonce;
     if (Reply* out = reply(socket, from))
-        out->size = writeAccept(out->bytes, nonce, fresh.connection->config().connectionId, config_.mine);
+        out->size = writeAccept(out->bytes, nonce, fresh.connection.config().connectionId, config_.mine);
 }
 
 bool Endpoint::isOutdated(std::uint64_t addressKey, std::uint64_t nonce, Nanoseconds cookieTime) const {
@@ -232,12 +238,12 @@ void Endpoint::onAccept(std::size_t socket, const RTAddr& from, Nanoseconds now)
 void Endpoint::onReset(const RTAddr& from, Nanoseconds now) {
     Peer* peer = peerAt(from);
     const DatagramHeader& header = decoded_->header;
-    if (peer == nullptr || peer->connection->config().connectionId != header.connectionId ||
-        peer->connection->config().initiator == header.fromInitiator) {
+    if (peer == nullptr || peer->connection.config().connectionId != header.connectionId ||
+        peer->connection.config().initiator == header.fromInitiator) {
         ++stats_.malformed.unknownConnection;
         return;
     }
-    if (!peer->connection->config().initiator)
+    if (!peer->connection.config().initiator)
         return end(*peer, NetEvent::Kind::lost);
     const RTAddr addr = peer->addr;
     const Nanoseconds duration = peer->tryDuration;
@@ -272,7 +278,6 @@ void Endpoint::replyReset(std::size_t socket, const RTAddr& to, const DatagramHe
 
 Endpoint::Peer& Endpoint::establish(std::size_t socket, const RTAddr& addr, std::uint64_t connectionId,
                                     bool initiator, Nanoseconds roundTrip, Nanoseconds now) {
-    auto peer = std::make_unique<Peer>();
     ConnectionConfig config;
     config.serial = nextSerial_++;
     config.addressKey = addr.getKey();
@@ -286,24 +291,23 @@ Endpoint::Peer& Endpoint::establish(std::size_t socket, const RTAddr& addr, std:
     config.firstRoundTrip = roundTrip;
     config.firstPacketId = config_.firstPacketId;
     config.firstNumber = config_.firstNumber;
+    auto peer = std::make_unique<Peer>(config, now);
     peer->addr = addr;
     peer->socket = socket;
-    peer->established = now;
-    peer->connection = std::make_unique<Connection>(config, now);
     Peer& result = *peer;
     peers_[addr.getKey()] = std::move(peer);
     bySerial_[config.serial] = &result;
-    wakes_.insert(&result);
-    reschedule(result);
+    wakes_.insert(&result, result.connection.nextWake());
     pushEvent(NetEvent::Kind::connected, config.serial, addr.getKey());
     return result;
 }
 
 void Endpoint::end(Peer& peer, NetEvent::Kind kind) {
     const std::uint64_t key = peer.addr.getKey();
-    const std::uint64_t serial = peer.connection->config().serial;
+    const std::uint64_t serial = peer.connection.config().serial;
     remember(peer);
-    add(endedMalformed_, peer.connection->malformed());
+    add(endedMalformed_, peer.connection.malformed());
+    stalledCount_ -= peer.connection.stalled() ? 1 : 0;
     wakes_.remove(&peer);
     bySerial_.erase(serial);
     peers_.erase(key);
@@ -323,7 +327,7 @@ void Endpoint::beginAttempt(const RTAddr& to, Nanoseconds tryDuration, int tries
 
 Endpoint::Connect Endpoint::connect(const RTAddr& to, Nanoseconds tryDuration, int tries, Nanoseconds now) {
     if (const Peer* peer = peerAt(to)) {
-        pushEvent(NetEvent::Kind::connected, peer->connection->config().serial, to.getKey());
+        pushEvent(NetEvent::Kind::connected, peer->connection.config().serial, to.getKey());
         return Connect::connected;
     }
     if (attempts_.contains(to.getKey()))
@@ -336,15 +340,16 @@ void Endpoint::send(std::uint64_t serial, Block bytes) {
     const auto found = bySerial_.find(serial);
     if (found == bySerial_.end())
         return;
-    found->second->connection->send(std::move(bytes));
-    reschedule(*found->second);
+    Peer& peer = *found->second;
+    peer.connection.send(std::move(bytes));
+    wakes_.advance(&peer, peer.connection.nextDataWake());
 }
 
 void Endpoint::handedUp(std::uint64_t serial, std::uint32_t size, Nanoseconds now) {
     const auto found = bySerial_.find(serial);
     if (found == bySerial_.end())
         return;
-    found->second->connection->handedUp(now, size);
+    found->second->connection.handedUp(now, size);
     reschedule(*found->second);
 }
 
@@ -352,90 +357,8 @@ void Endpoint::onTooBig(std::uint64_t serial, std::size_t size, Nanoseconds now)
     const auto found = bySerial_.find(serial);
     if (found == bySerial_.end())
         return;
-    found->second->connection->onTooBig(now, size);
+    found->second->connection.onTooBig(now, size);
     reschedule(*found->second);
-}
-
-// ----------------------------------------------------------------------------------------- what goes out
-
-bool Endpoint::sendReplies(DatagramSink& sink) {
-    bool room = true;
-    std::size_t sent = 0;
-    while (sent != replies_.size() && room) {
-        Reply& out = replies_[sent++];
-        ++stats_.datagramsSent;
-        stats_.wireBytesSent += out.size;
-        room = sink.send({out.socket, out.to, {out.bytes.data(), out.size}, out.size, 0, 0});
-    }
-    replies_.erase(replies_.begin(), replies_.begin() + static_cast<std::ptrdiff_t>(sent));
-    return room;
-}
-
-bool Endpoint::pollAttempts(Nanoseconds now, DatagramSink& sink) {
-    bool room = true;
-    for (auto it = attempts_.begin(); it != attempts_.end() && room;) {
-        ConnectAttempt& attempt = it->second;
-        if (now >= attempt.deadline) {
-            reportFailed(it->first);
-            it = attempts_.erase(it);
-            continue;
-        }
-        if (now >= attempt.nextWake()) {
-            std::array<std::uint8_t, kHandshakeBytes> bytes;
-            const std::size_t size = attempt.write(bytes, config_.mine, now);
-            ++stats_.datagramsSent;
-            stats_.wireBytesSent += size;
-            room = sink.send({0, attempt.to, {bytes.data(), size}, size, 0, 0});
-        }
-        ++it;
-    }
-    return room;
-}
-
-void Endpoint::poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink, int maxTrains) {
-    if (now - std::max(nextWake(), lastPoll_) > kStopped)
-        for (auto& [key, peer] : peers_) {
-            peer->connection->forgiveSilence(now);
-            reschedule(*peer);
-        }
-    lastPoll_ = now;
-    if (!sendReplies(sink) || !pollAttempts(now, sink))
-        return;
-    for (int trains = 0; trains != maxTrains && wakes_.nextWake() <= now; ++trains) {
-        Peer& peer = *wakes_.first();
-        if (peer.connection->timedOut(now)) {
-            end(peer, NetEvent::Kind::lost);
-            continue;
-        }
-        const Train train = peer.connection->poll(now, buffer);
-        const Nanoseconds wake = peer.connection->nextWake();
-        // One train in each turn; and whoever is due but has nothing to send must not hold up the others.
-        wakes_.update(&peer, std::max(wake, now + (train.bytes == 0 ? 10 * kMicrosecond : 1)));
-        if (train.bytes == 0)
-            continue;
-        stats_.datagramsSent += (train.bytes + train.segment - 1) / train.segment;
-        stats_.wireBytesSent += train.bytes;
-        if (!sink.send({peer.socket, peer.addr, buffer.first(train.bytes), train.segment, train.stampAt,
-                        peer.connection->config().serial}))
-            return;
-    }
-}
-
-Nanoseconds Endpoint::nextWake() const {
-    if (!replies_.empty())
-        return kNow;
-    Nanoseconds wake = wakes_.nextWake();
-    for (const auto& [key, attempt] : attempts_)
-        wake = std::min(wake, attempt.nextWake());
-    return wake;
-}
-
-void Endpoint::sayGoodbye(std::span<std::uint8_t> buffer, DatagramSink& sink) {
-    for (auto& [key, peer] : peers_) {
-        const Train train = peer->connection->farewell(buffer);
-        if (!sink.send({peer->socket, peer->addr, buffer.first(train.bytes), train.segment, 0, 0}))
-            return;
-    }
 }
 
 void Endpoint::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nanoseconds longestClockDelay,
@@ -444,7 +367,7 @@ void Endpoint::setTimes(Nanoseconds timeout, Nanoseconds longestRepairWait, Nano
     config_.longestRepairWait = longestRepairWait;
     config_.longestClockDelay = longestClockDelay;
     for (auto& [key, peer] : peers_) {
-        peer->connection->setTimes(timeout, longestRepairWait, longestClockDelay, now);
+        peer->connection.setTimes(timeout, longestRepairWait, longestClockDelay, now);
         reschedule(*peer);
     }
 }
@@ -460,7 +383,7 @@ void Endpoint::addStatistics(NetStatistics& statistics) const {
     statistics.malformed = stats_.malformed;
     add(statistics.malformed, endedMalformed_);
     for (const auto& [key, peer] : peers_)
-        add(statistics.malformed, peer->connection->malformed());
+        add(statistics.malformed, peer->connection.malformed());
 }
 
 } // namespace kor::detail

@@ -63,8 +63,9 @@ class Endpoint {
 public:
     Endpoint(EndpointConfig config, Nanoseconds now);
 
-    /// Takes in one datagram that arrived at `arrival` on local socket `socket`.
-    void onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+    /// Takes in one datagram that arrived at `arrival` on local socket `socket`. True when nobody waits for
+    /// what it brings: it only reports what has arrived at a peer.
+    bool onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
                     Nanoseconds arrival);
 
     enum class Connect { started, connected, pending };
@@ -82,6 +83,8 @@ public:
     /// Serial of the next connection. They count up from `firstSerial`.
     std::uint64_t nextSerial() const { return nextSerial_; }
     std::uint32_t connectionCount() const { return static_cast<std::uint32_t>(peers_.size()); }
+    /// Connections that wait for reports before they send more.
+    std::uint32_t stalledCount() const { return stalledCount_; }
 
     /// Queues a packet; dropped when the connection has ended.
     void send(std::uint64_t serial, Block bytes);
@@ -92,8 +95,8 @@ public:
     void onTooBig(std::uint64_t serial, std::size_t size, Nanoseconds now);
 
     /// Sends what is due, each peer one train in turn; at most `maxTrains`, so that the caller can read in
-    /// between.
-    void poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink, int maxTrains);
+    /// between. Returns how many bytes went out to peers.
+    std::size_t poll(Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink, int maxTrains);
 
     /// When poll() has something to do next; may lie in the past.
     Nanoseconds nextWake() const;
@@ -113,17 +116,18 @@ public:
 
 private:
     struct Peer {
+        Peer(const ConnectionConfig& config, Nanoseconds now) : established(now), connection(config, now) {}
+
         RTAddr addr;
         std::size_t socket = 0;
-        std::uint64_t nonce = 0;
-        Nanoseconds established = 0;
-        Nanoseconds tryDuration = 0; ///< connecting side: how to connect again
-        int tries = 0;
-        std::unique_ptr<Connection> connection;
-        Nanoseconds wake = kNever;
         std::size_t wakeIndex = 0;
         std::uint64_t measuredAt = 0;          ///< newest `measured` event of this connection
         std::uint64_t measuredIn = UINT64_MAX; ///< the queue that it went into
+        std::uint64_t nonce = 0;
+        Nanoseconds established;
+        Nanoseconds tryDuration = 0; ///< connecting side: how to connect again
+        int tries = 0;
+        Connection connection;
     };
     /// What tells a late copy of the handshake that made a connection from a new one.
     struct Ended {
@@ -162,7 +166,8 @@ private:
     bool roomForEvents();
     bool mayConnect(const Peer* known);
     void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
-    void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection->nextWake()); }
+    void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection.nextWake()); }
+    bool sendTrain(Peer& peer, Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink);
     bool pollAttempts(Nanoseconds now, DatagramSink& sink);
     bool sendReplies(DatagramSink& sink);
     Peer* peerAt(const RTAddr& addr);
@@ -179,6 +184,7 @@ private:
     Ring<NetEvent> events_;
     std::uint64_t eventQueue_ = 0; ///< which one since the beginning
     std::uint64_t nextSerial_;
+    std::uint32_t stalledCount_ = 0;
     Nanoseconds lastPoll_ = 0;
     Nanoseconds resetWindow_ = 0;
     int resetsLeft_ = 0;

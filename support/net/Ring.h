@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace kor::detail {
@@ -38,7 +39,8 @@ public:
     }
 
     void pop() {
-        front() = T{};
+        if constexpr (!std::is_trivially_destructible_v<T>)
+            front() = T{};
         ++begin_;
     }
 

@@ -17,6 +17,7 @@ void RoundTrip::add(Nanoseconds rtt, Nanoseconds now) {
         smoothed8_ += deviation;
     }
     least_.add(rtt, now);
+    latest_ = rtt;
     recent_[next_] = rtt;
     next_ = (next_ + 1) % kRecent;
     count_ = std::min(count_ + 1, kRecent);
@@ -24,10 +25,6 @@ void RoundTrip::add(Nanoseconds rtt, Nanoseconds now) {
 
 void RoundTrip::reset() {
     *this = RoundTrip();
-}
-
-Nanoseconds RoundTrip::latest() const {
-    return count_ == 0 ? 0 : recent_[(next_ + kRecent - 1) % kRecent];
 }
 
 Nanoseconds RoundTrip::least() const {

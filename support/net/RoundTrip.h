@@ -31,7 +31,7 @@ public:
 
     Nanoseconds smoothed() const { return smoothed8_ / 8; }
     Nanoseconds variation() const { return variation4_ / 4; } ///< smoothed mean deviation
-    Nanoseconds latest() const;
+    Nanoseconds latest() const { return latest_; }
     Nanoseconds least() const; ///< of the last ten seconds before the newest measurement
 
     /// Of the newest 256; the value below which `fraction` (0 to 1) of them lie. Costs a few microseconds.
@@ -44,10 +44,11 @@ private:
 
     Nanoseconds smoothed8_ = 0;  // 8 x the smoothed value, so that small changes are not lost in rounding
     Nanoseconds variation4_ = 0; // 4 x the variation
-    RunningMinimum least_{kLeastWindow};
-    std::array<Nanoseconds, kRecent> recent_{};
+    Nanoseconds latest_ = 0;
     std::size_t next_ = 0;
     std::size_t count_ = 0; // in recent_
+    RunningMinimum least_{kLeastWindow};
+    std::array<Nanoseconds, kRecent> recent_{};
 };
 
 } // namespace kor::detail

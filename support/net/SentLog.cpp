@@ -80,9 +80,11 @@ SentLog::Acknowledged SentLog::acknowledge(const AckFrame& ack, SendQueue& queue
 
 void SentLog::findSpurious(const AckFrame& ack, std::uint64_t newest, bool isNews, Acknowledged& result,
                            SendQueue& queue) {
-    if (rememberedCount_ == 0)
-        return;
-    for (Remembered& lost : remembered_) {
+    std::uint32_t left = rememberedCount_;
+    for (std::size_t at = rememberedNext_; left != 0;) {
+        at = (at + kRemembered - 1) % kRemembered;
+        Remembered& lost = remembered_[at];
+        left -= lost.number != 0 ? 1 : 0;
         if (lost.number == 0 || lost.number > newest)
             continue;
         for (std::size_t i = 0; i != ack.rangeCount; ++i) {

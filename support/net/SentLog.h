@@ -98,8 +98,7 @@ private:
                       SendQueue& queue);
 
     Ring<Entry> entries_;
-    Ring<FragmentRef> fragments_;                      ///< pieces of the recorded entries, in the same order
-    std::array<Remembered, kRemembered> remembered_{}; ///< the newest of them
+    Ring<FragmentRef> fragments_; ///< pieces of the recorded entries, in the same order
     std::size_t rememberedNext_ = 0;
     std::uint32_t rememberedCount_ = 0;
     std::uint64_t inFlightCharge_ = 0;
@@ -107,6 +106,7 @@ private:
     Nanoseconds lastSent_ = 0;
     std::uint64_t firstNumber_;
     std::uint64_t newestAcknowledged_;
+    std::array<Remembered, kRemembered> remembered_{}; ///< the newest of them
 };
 
 } // namespace kor::detail

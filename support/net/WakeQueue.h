@@ -9,73 +9,79 @@
 namespace kor::detail {
 
 /// Items ordered by the time at which they want to be woken: a binary heap in which every item knows its
-/// place, so that a change of its time costs a few swaps. T has members `Nanoseconds wake` and `std::size_t
-/// wakeIndex`. Not owned.
+/// place, so that a change of its time costs a few swaps. The times lie in the heap itself: to compare them
+/// touches no other item. T has a member `std::size_t wakeIndex`. Not owned.
 template <typename T>
 class WakeQueue {
 public:
     bool empty() const { return heap_.empty(); }
-    T* first() const { return heap_.front(); }
-    Nanoseconds nextWake() const { return heap_.empty() ? kNever : heap_.front()->wake; }
+    T* first() const { return heap_.front().item; }
+    Nanoseconds nextWake() const { return heap_.empty() ? kNever : heap_.front().wake; }
 
-    void insert(T* item) {
-        heap_.push_back(item);
-        place(heap_.size() - 1, item);
-        up(item->wakeIndex);
+    void insert(T* item, Nanoseconds wake) {
+        heap_.push_back({wake, item});
+        up(heap_.size() - 1);
     }
 
     void update(T* item, Nanoseconds wake) {
-        const bool earlier = wake < item->wake;
-        item->wake = wake;
+        Entry& entry = heap_[item->wakeIndex];
+        const bool earlier = wake < entry.wake;
+        entry.wake = wake;
         if (earlier)
             up(item->wakeIndex);
         else
             down(item->wakeIndex);
     }
 
+    /// Moves the item to an earlier time; a later one changes nothing.
+    void advance(T* item, Nanoseconds wake) {
+        if (wake < heap_[item->wakeIndex].wake)
+            update(item, wake);
+    }
+
     void remove(T* item) {
         const std::size_t hole = item->wakeIndex;
-        T* last = heap_.back();
+        const Entry last = heap_.back();
         heap_.pop_back();
-        if (last == item)
+        if (last.item == item)
             return;
-        place(hole, last);
+        heap_[hole] = last;
         up(hole);
-        down(last->wakeIndex);
+        down(last.item->wakeIndex);
     }
 
 private:
-    void place(std::size_t index, T* item) {
-        heap_[index] = item;
-        item->wakeIndex = index;
+    struct Entry {
+        Nanoseconds wake;
+        T* item;
+    };
+
+    void place(std::size_t index, const Entry& entry) {
+        heap_[index] = entry;
+        entry.item->wakeIndex = index;
     }
 
     void up(std::size_t index) {
-        T* item = heap_[index];
-        while (index != 0 && item->wake < heap_[(index - 1) / 2]->wake) {
+        const Entry entry = heap_[index];
+        for (; index != 0 && entry.wake < heap_[(index - 1) / 2].wake; index = (index - 1) / 2)
             place(index, heap_[(index - 1) / 2]);
-            index = (index - 1) / 2;
-        }
-        place(index, item);
+        place(index, entry);
     }
 
     void down(std::size_t index) {
-        T* item = heap_[index];
-        while (true) {
-            std::size_t child = 2 * index + 1;
-            if (child >= heap_.size())
-                break;
-            if (child + 1 < heap_.size() && heap_[child + 1]->wake < heap_[child]->wake)
+        const Entry entry = heap_[index];
+        for (std::size_t child = 2 * index + 1; child < heap_.size(); child = 2 * index + 1) {
+            if (child + 1 < heap_.size() && heap_[child + 1].wake < heap_[child].wake)
                 ++child;
-            if (item->wake <= heap_[child]->wake)
+            if (entry.wake <= heap_[child].wake)
                 break;
             place(index, heap_[child]);
             index = child;
         }
-        place(index, item);
+        place(index, entry);
     }
 
-    std::vector<T*> heap_;
+    std::vector<Entry> heap_;
 };
 
 } // namespace kor::detail

@@ -150,6 +150,8 @@ void World::rest(Nanoseconds duration) {
     if (turnCount > 4 * datagrams + 40 * links + 40)
         faults_.add("does not rest: " + std::to_string(turnCount) + " turns");
     for (const auto& host : hosts_) {
+        if (host->running() && host->endpoint().stalledCount() != 0)
+            faults_.add("host " + std::to_string(host->index()) + " counts full windows at rest");
         for (const auto& other : hosts_)
             if (const detail::Connection* connection = host->connectionTo(*other)) {
                 if (connection->sentLog().recorded() > 64)
