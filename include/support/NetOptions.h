@@ -19,6 +19,9 @@ struct NetOptions {
     bool kernelTimeStamps = true;                ///< false: arrival is when we read the datagram
     bool warmSends =
         true; ///< false: a datagram after a rest leaves late, and its time stamp is early by that
+    /// False: never wait for more. With 16 connections or more, what comes while only acknowledgements come
+    /// is read every 0.1 ms, and packets that follow others within 0.05 ms leave together.
+    bool gather = true;
 };
 
 } // namespace kor

@@ -16,10 +16,6 @@
 namespace kor::detail {
 
 namespace {
-constexpr int kBatchesPerTurn = 8;    // what lies unread may be the report of what else is taken for lost
-constexpr int kSpinsBeforePump = 256; // most locks are held for less than this
-constexpr Nanoseconds kFresh = kMillisecond; // we have woken for it at once
-constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
 constexpr int kGoodbyes = 3;
 constexpr auto kGoodbyeInterval = std::chrono::milliseconds(2);
 constexpr std::uint32_t kReceiveSlack = 8u << 20; // packets begun while one of the largest size is under way
@@ -98,6 +94,7 @@ bool NetDriver::open(const std::vector<std::uint16_t>& ports, const NetOptions& 
         endpoint_.emplace(std::move(config), clockNow());
         ports_ = std::move(localPorts);
         lastBusy_ = clockNow();
+        gatherings_ = 0;
         poller_.clear();
         for (const auto& socket : sockets_)
             poller_.add(socket->fd());
@@ -150,52 +147,10 @@ void NetDriver::beginThread() {
 // ---------------------------------------------------------------------------------------- the layer's thread
 
 void NetDriver::turn() {
-    poller_.wait(deadline_);
+    rest();
     receive();
     dispatch();
     sendOut();
-}
-
-void NetDriver::spinHook(void* self) {
-    static_cast<NetDriver*>(self)->pump();
-}
-
-void NetDriver::pump() {
-    // Only a callback may wait long; and input and output must not start within themselves.
-    if (!inCallback_ || pumping_ || ++spins_ < kSpinsBeforePump)
-        return;
-    pumping_ = true;
-    poller_.wait(clockNow() + kPumpWait);
-    receive();
-    sendOut();
-    pumping_ = false;
-}
-
-/// True when we were waiting for that datagram, which then is likely to be alone. If not, the others are seen
-/// before the next sleep.
-bool NetDriver::sleptFor(const ReceivedRun& run) const {
-    return run.stamped && run.arrival > lastBusy_ && clockNow() - run.arrival < kFresh;
-}
-
-void NetDriver::receive() {
-    for (std::size_t i = 0; i != sockets_.size(); ++i) {
-        if (!poller_.readable(i))
-            continue;
-        for (int round = 0; round != kBatchesPerTurn; ++round) {
-            const std::lock_guard lock(coreMutex_);
-            const std::size_t most = expectsMany_ ? ReceiveBatch::kSlots : 1;
-            const std::size_t runs = sockets_[i]->receive(*batch_, most);
-            expectsMany_ = runs > 1 || (runs == 1 && !sleptFor((*batch_)[0]));
-            for (const ReceivedRun& run : *batch_) {
-                lastBusy_ = std::max(lastBusy_, run.arrival);
-                const RTAddr from(run.from.ip, run.from.port);
-                for (std::size_t n = 0; n != run.datagramCount(); ++n)
-                    endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
-            }
-            if (runs < most || !expectsMany_)
-                break;
-        }
-    }
 }
 
 // ------------------------------------------------------------------------------------------------ callbacks
@@ -414,6 +369,7 @@ NetStatistics NetDriver::statistics() const {
     const std::lock_guard lock(coreMutex_);
     if (endpoint_)
         endpoint_->addStatistics(result);
+    result.gatherings = gatherings_.load(std::memory_order_relaxed);
     result.warmSends = sender_ && sender_->warmer().isOpen();
     for (const auto& socket : sockets_) {
         const UdpSocketFeatures& features = socket->features();

@@ -80,6 +80,8 @@ private:
 
     static void spinHook(void* self);
     void pump();
+    void rest();
+    bool mayGather() const;
     void receive();
     bool sleptFor(const ReceivedRun& run) const;
     void takeOutboxes();
@@ -104,8 +106,12 @@ private:
     std::vector<std::unique_ptr<UdpSocket>> sockets_;
     std::optional<TrainSender> sender_;
     std::unique_ptr<ReceiveBatch> batch_;
-    Nanoseconds lastBusy_ = 0; ///< when the layer's thread last had something to do
-    bool expectsMany_ = true;  ///< more than one datagram waits when one does
+    Nanoseconds lastBusy_ = 0;  ///< when the layer's thread last had something to do
+    bool onlyReports_ = false;  ///< are all that the last turn has read
+    bool tookOutboxes_ = false; ///< the last turn, of other threads
+    bool gathers_ = false;      ///< may rest a while instead of waiting for the next datagram
+    std::atomic<std::uint64_t> gatherings_{0};
+    bool expectsMany_ = true; ///< more than one datagram waits when one does
     std::vector<std::uint8_t> trainBuffer_;
     Poller poller_;
 

@@ -8,7 +8,8 @@
 namespace kor::detail {
 
 namespace {
-constexpr int kTrainsPerTurn = 64;
+constexpr int kTrainsPerTurn = 256; // about a millisecond: what is read in between holds up the others
+constexpr std::size_t kBytesPerTurn = 4u << 20;
 constexpr Nanoseconds kSoon = 20 * kMicrosecond; // what is due later needs no second look at the clock
 constexpr Nanoseconds kGoesCold = kMillisecond;  // after a rest of that length, sending is slow at first
 constexpr Nanoseconds kBlockedRetry = kMillisecond;
@@ -28,6 +29,7 @@ void NetDriver::takeOutboxes() {
     std::swap(takenOutboxes_, ownOutboxes_);
     {
         const std::lock_guard lock(outboxMutex_);
+        tookOutboxes_ = !outboxes_.empty();
         takenOutboxes_.insert(takenOutboxes_.end(), outboxes_.begin(), outboxes_.end());
         outboxes_.clear();
     }
@@ -52,6 +54,7 @@ void NetDriver::sendOut() {
     takeOutboxes();
     sendDue();
     deadline_ = nextDeadline();
+    gathers_ = (onlyReports_ || tookOutboxes_) && mayGather();
 }
 
 void NetDriver::sendDue() {
@@ -61,7 +64,8 @@ void NetDriver::sendDue() {
     lastBusy_ = std::max(lastBusy_, now);
     if (sender_->blocked() && !sender_->retry())
         return;
-    for (int trains = 0; trains != kTrainsPerTurn && !sender_->blocked(); ++trains) {
+    std::size_t bytes = 0;
+    for (int trains = 0; trains != kTrainsPerTurn && bytes < kBytesPerTurn && !sender_->blocked(); ++trains) {
         const Nanoseconds due = endpoint_->nextWake();
         if (due > now + kSoon)
             break;
@@ -69,7 +73,7 @@ void NetDriver::sendDue() {
             now = clockNow();
         if (due > now)
             break;
-        endpoint_->poll(now, trainBuffer_, *sender_, 1);
+        bytes += endpoint_->poll(now, trainBuffer_, *sender_, 1);
     }
     sender_->flush();
     lastBusy_ = std::max(lastBusy_, now);

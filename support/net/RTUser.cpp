@@ -73,11 +73,12 @@ void RTUser::printStatistics() {
                   " frame, %" PRIu64 " connection, %" PRIu64 " limit; kernel drops %" PRIu64,
                   addr.c_str(), n.malformed.tooShort, n.malformed.checksum, n.malformed.unknownKind,
                   n.malformed.badFrame, n.malformed.unknownConnection, n.malformed.overLimit, n.kernelDrops);
-    jLog::message("[%s] in use:%s%s%s%s%s%s; receive buffer %u, send buffer %u", addr.c_str(),
+    jLog::message("[%s] in use:%s%s%s%s%s%s%s; receive buffer %u, send buffer %u", addr.c_str(),
                   n.segmentationOffload ? " segmentation offload" : "",
                   n.receiveOffload ? " receive offload" : "", n.batchSend ? " sendmmsg" : "",
                   n.batchReceive ? " recvmmsg" : "", n.kernelTimeStamps ? " kernel stamps" : "",
-                  n.warmSends ? " warm sends" : "", n.receiveBufferBytes, n.sendBufferBytes);
+                  n.warmSends ? " warm sends" : "", n.gatherings != 0 ? " gathering" : "",
+                  n.receiveBufferBytes, n.sendBufferBytes);
 }
 
 } // namespace kor

@@ -1,7 +1,9 @@
 #include "support/platform/Poller.h"
 
+#include <linux/futex.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -15,21 +17,47 @@
 
 namespace kor::detail {
 
+namespace {
+
+timespec toTimespec(Nanoseconds duration) {
+    return {static_cast<time_t>(duration / kSecond), static_cast<long>(duration % kSecond)};
+}
+
+void futex(std::atomic<int>& word, int operation, int value, const timespec* wait) {
+    static_assert(sizeof word == sizeof(int));
+    ::syscall(SYS_futex, &word, operation, value, wait, nullptr, 0);
+}
+
+} // namespace
+
 Waker::Waker() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 void Waker::wake() {
-    if (state_.exchange(woken, std::memory_order_acq_rel) != asleep)
+    const int before = state_.exchange(woken, std::memory_order_acq_rel);
+    if (before != asleep && before != napping)
         return;
     const int kept = errno;
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(fd_.get(), &one, sizeof one);
+    if (before == napping) {
+        futex(state_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+    } else {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(fd_.get(), &one, sizeof one);
+    }
     errno = kept;
 }
 
 /// False when somebody has called already, so that there is no time to sleep.
-bool Waker::beginSleep() {
+bool Waker::beginSleep(State how) {
     int expected = awake;
-    return state_.compare_exchange_strong(expected, asleep, std::memory_order_acq_rel);
+    return state_.compare_exchange_strong(expected, how, std::memory_order_acq_rel);
+}
+
+void Waker::napUntil(Nanoseconds end) {
+    const Nanoseconds left = end - clockNow();
+    if (left <= 0 || !beginSleep(napping))
+        return;
+    const timespec wait = toTimespec(left);
+    futex(state_, FUTEX_WAIT_PRIVATE, napping, &wait);
 }
 
 /// True when somebody called since the last time.
@@ -108,8 +136,7 @@ bool Poller::armFor(Nanoseconds deadline) {
     if (deadline <= now)
         return false;
     itimerspec timer{};
-    timer.it_value.tv_sec = static_cast<time_t>((deadline - now) / kSecond);
-    timer.it_value.tv_nsec = static_cast<long>((deadline - now) % kSecond);
+    timer.it_value = toTimespec(deadline - now);
     ::timerfd_settime(watches_->timer.get(), 0, &timer, nullptr);
     watches_->armed = deadline;
     return true;
@@ -118,7 +145,7 @@ bool Poller::armFor(Nanoseconds deadline) {
 void Poller::wait(Nanoseconds deadline) {
     for (Watches::Watch& socket : watches_->sockets)
         socket.found = 0;
-    const bool sleep = waker_.beginSleep() && armFor(deadline);
+    const bool sleep = waker_.beginSleep(Waker::asleep) && armFor(deadline);
     std::array<epoll_event, kEventsPerWait> events;
     int found = ::epoll_wait(watches_->epoll.get(), events.data(), kEventsPerWait, sleep ? -1 : 0);
     if (found < 0) // interrupted, perhaps for long: what has come meanwhile must be seen
@@ -131,6 +158,23 @@ void Poller::wait(Nanoseconds deadline) {
         else if (event.data.u32 >= kFirstSocketKey)
             watches_->sockets[event.data.u32 - kFirstSocketKey].found = event.events;
     }
+}
+
+void Poller::nap(Nanoseconds end) {
+    waker_.napUntil(end);
+    woken_ = waker_.endSleep();
+    supposeReadable();
+}
+
+void Poller::pause(Nanoseconds duration) {
+    const timespec wait = toTimespec(duration);
+    ::clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+    supposeReadable();
+}
+
+void Poller::supposeReadable() {
+    for (Watches::Watch& socket : watches_->sockets)
+        socket.found = EPOLLIN;
 }
 
 bool Poller::readable(std::size_t index) const {

@@ -28,9 +28,10 @@ public:
 
 private:
     friend class Poller;
-    enum State : int { awake, woken, asleep };
+    enum State : int { awake, woken, asleep, napping };
 
-    bool beginSleep();
+    bool beginSleep(State how);
+    void napUntil(Nanoseconds end);
     bool endSleep();
 
     FileDescriptor fd_;
@@ -67,6 +68,13 @@ public:
     /// end; a past one: not at all), to the microsecond. May return early.
     void wait(Nanoseconds deadline);
 
+    /// Waits until the waker was called or our clock shows `end`, whatever the sockets do: for one system
+    /// call more comes together on them. Then all of them count as readable.
+    void nap(Nanoseconds end);
+
+    /// The same for so many nanoseconds, whatever the waker does too.
+    void pause(Nanoseconds duration);
+
     /// What the last `wait` found. A socket with a pending error counts as readable.
     bool readable(std::size_t index) const;
     bool writable(std::size_t index) const;
@@ -76,6 +84,7 @@ private:
     struct Watches;
 
     bool armFor(Nanoseconds deadline);
+    void supposeReadable();
 
     Waker waker_;
     std::unique_ptr<Watches> watches_;

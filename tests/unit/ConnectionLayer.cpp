@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -260,6 +261,49 @@ TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStamps) {
         const NetStatistics statistics = b.net.getStatistics();
         EXPECT_LT(statistics.systemCallsReceive, statistics.datagramsReceived * 9 / 10)
             << "stamps " << stamps;
+    }
+}
+
+/// Enough peers for the layer to gather what comes and goes: nothing may be left lying, whichever thread
+/// sends.
+TEST(ConnectionLayerAlone, ServesACrowdWithAndWithoutGathering) {
+    constexpr std::size_t kClients = 20;
+    constexpr std::size_t kRounds = 30;
+    for (const bool gather : {true, false}) {
+        Side master;
+        NetOptions options;
+        options.gather = gather;
+        master.net.setOptions(options);
+        ASSERT_TRUE(master.open());
+        std::vector<std::unique_ptr<Side>> clients;
+        std::vector<RTUser*> users;
+        for (std::size_t i = 0; i != kClients; ++i) {
+            Side& client = *clients.emplace_back(std::make_unique<Side>());
+            client.recorder.packetHook = [](RTUser* from, Packet* packet) {
+                from->sendAsyn(packet->data, static_cast<int>(packet->size));
+            };
+            ASSERT_TRUE(client.open());
+            client.net.connect(jString("127.0.0.1"), master.port(), 1000, 30);
+            ASSERT_TRUE(master.recorder.await([&] { return master.recorder.events.size() == i + 1; }));
+            users.push_back(master.recorder.user);
+        }
+        std::vector<std::string> sent;
+        for (std::size_t round = 1; round <= kRounds; ++round) {
+            sent.push_back(text(1000, static_cast<unsigned>(round)));
+            for (RTUser* const user : users)
+                ASSERT_NE(user->sendAsyn(sent.back().data(), 1000), RTUser::kRefused);
+            ASSERT_TRUE(master.recorder.await([&] {
+                return master.recorder.notices.size() == round * kClients &&
+                       master.recorder.packets.size() == round * kClients;
+            }));
+            EXPECT_EQ(master.recorder.packets.back(), sent.back());
+        }
+        for (const auto& client : clients) {
+            ASSERT_TRUE(client->recorder.await([&] { return client->recorder.notices.size() == kRounds; }));
+            EXPECT_TRUE(client->recorder.packets == sent);
+            EXPECT_EQ(client->net.getStatistics().gatherings, 0u);
+        }
+        EXPECT_EQ(master.net.getStatistics().gatherings != 0, gather);
     }
 }
 

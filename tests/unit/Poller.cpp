@@ -63,6 +63,31 @@ TEST(Poller, SocketsAreTold) {
     EXPECT_FALSE(poller.readable(0));
 }
 
+TEST(Poller, ANapEndsByTimeOrByTheWakerAndSupposesTheSocketsReadable) {
+    UdpSocket socket;
+    ASSERT_TRUE(socket.open(0, {}));
+    Poller poller;
+    poller.add(socket.fd());
+    Nanoseconds end = clockNow() + kMillisecond;
+    poller.nap(end);
+    EXPECT_GE(clockNow(), end);
+    EXPECT_TRUE(poller.readable(0));
+    EXPECT_FALSE(poller.woken() || poller.writable(0));
+    poller.waker().wake();
+    poller.nap(kNever);
+    EXPECT_TRUE(poller.woken());
+
+    poller.wait(clockNow());
+    EXPECT_FALSE(poller.readable(0) || poller.woken());
+    poller.waker().wake(); // ends no pause, and is not lost for it
+    end = clockNow() + kMillisecond;
+    poller.pause(kMillisecond);
+    EXPECT_GE(clockNow(), end);
+    EXPECT_TRUE(poller.readable(0));
+    poller.wait(kNever);
+    EXPECT_TRUE(poller.woken());
+}
+
 TEST(Poller, AClosedDescriptorDoesNotSpin) {
     UdpSocket socket;
     ASSERT_TRUE(socket.open(0, {}));
@@ -92,7 +117,8 @@ TEST(Poller, AWakeUpEndsOneWaitOnly) {
     }
 }
 
-/// Two threads hand a number back and forth; one lost wake-up would stop them for good.
+/// Two threads hand a number back and forth, one of them napping now and then; one lost wake-up would stop
+/// them for good.
 TEST(Poller, NoWakeUpIsLostBetweenThreads) {
     constexpr int kRounds = 20'000;
     Poller ping;
@@ -102,7 +128,7 @@ TEST(Poller, NoWakeUpIsLostBetweenThreads) {
     auto play = [&](Poller& own, Poller& other, int parity) {
         for (int next = parity; next < kRounds; next += 2) {
             while (ball.load(std::memory_order_relaxed) != next && clockNow() < deadline)
-                own.wait(deadline);
+                next % 3 == 0 ? own.nap(deadline) : own.wait(deadline);
             ball.store(next + 1, std::memory_order_relaxed);
             other.waker().wake();
         }

@@ -1,0 +1,93 @@
+#include "support/net/NetDriver.h"
+
+#include <support/jTimer.h>
+
+#include <algorithm>
+
+// How the layer's thread waits and reads.
+
+namespace kor::detail {
+
+namespace {
+constexpr int kBatchesPerTurn = 8;    // what lies unread may be the report of what else is taken for lost
+constexpr int kSpinsBeforePump = 256; // most locks are held for less than this
+constexpr Nanoseconds kFresh = kMillisecond; // we have woken for it at once
+constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
+constexpr std::uint32_t kCrowd = 16; // connections
+constexpr Nanoseconds kReportGathering = 100 * kMicrosecond;
+constexpr Nanoseconds kBurstGathering = 50 * kMicrosecond;
+} // namespace
+
+/// In a crowd, what each peer reports, and what an application sends to one peer after the other, would wake
+/// us for a few datagrams each time. A short rest during which nothing else does brings them together; the
+/// kernel has stamped what arrives meanwhile.
+bool NetDriver::mayGather() const {
+    return options_.gather && endpoint_->connectionCount() >= kCrowd && endpoint_->stalledCount() == 0 &&
+           !sender_->blocked() && std::ranges::all_of(sockets_, [](const auto& socket) {
+               return socket->features().kernelTimeStamps;
+           });
+}
+
+void NetDriver::rest() {
+    const Nanoseconds now = gathers_ ? clockNow() : kNow;
+    const bool burst = gathers_ && tookOutboxes_ && deadline_ > now + kBurstGathering;
+    if (burst)
+        poller_.pause(kBurstGathering);
+    else if (gathers_ && onlyReports_)
+        poller_.nap(std::min(deadline_, now + kReportGathering));
+    else
+        return poller_.wait(deadline_);
+    expectsMany_ = true;
+    gatherings_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void NetDriver::spinHook(void* self) {
+    static_cast<NetDriver*>(self)->pump();
+}
+
+void NetDriver::pump() {
+    // Only a callback may wait long; and input and output must not start within themselves.
+    if (!inCallback_ || pumping_ || ++spins_ < kSpinsBeforePump)
+        return;
+    pumping_ = true;
+    poller_.wait(clockNow() + kPumpWait);
+    receive();
+    sendOut();
+    pumping_ = false;
+}
+
+/// True when we were waiting for that datagram, which then is likely to be alone. If not, the others are seen
+/// before the next sleep.
+bool NetDriver::sleptFor(const ReceivedRun& run) const {
+    return run.stamped && run.arrival > lastBusy_ && clockNow() - run.arrival < kFresh;
+}
+
+void NetDriver::receive() {
+    bool reports = false;
+    bool others = false;
+    for (std::size_t i = 0; i != sockets_.size(); ++i) {
+        if (!poller_.readable(i))
+            continue;
+        for (int round = 0; round != kBatchesPerTurn; ++round) {
+            const std::lock_guard lock(coreMutex_);
+            const std::size_t most = expectsMany_ ? ReceiveBatch::kSlots : 1;
+            const std::size_t runs = sockets_[i]->receive(*batch_, most);
+            expectsMany_ = runs > 1 || (runs == 1 && !sleptFor((*batch_)[0]));
+            for (const ReceivedRun& run : *batch_) {
+                lastBusy_ = std::max(lastBusy_, run.arrival);
+                const RTAddr from(run.from.ip, run.from.port);
+                for (std::size_t n = 0; n != run.datagramCount(); ++n) {
+                    const bool report = endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
+                    reports |= report;
+                    others |= !report;
+                }
+            }
+            if (runs < most || !expectsMany_)
+                break;
+            others |= round + 1 == kBatchesPerTurn; // there is more
+        }
+    }
+    onlyReports_ = reports && !others;
+}
+
+} // namespace kor::detail
