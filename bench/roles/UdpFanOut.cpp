@@ -1,6 +1,6 @@
-// Fan-out over bare UDP with the connection layer's system calls and nothing else: one thread sends to every
-// peer in batches and takes in their answers. The peers answer each packet with as many bytes as an
-// acknowledgement has, and as late.
+// Fan-out over bare UDP and nothing else: one thread sends to every peer in batches, and takes in their
+// answers as they come. The peers answer each packet with as many bytes as an acknowledgement has, and as
+// late.
 
 #include "Arrivals.h"
 #include "Roles.h"
@@ -13,16 +13,19 @@
 
 #include <support/jTimer.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <sys/epoll.h>
+#include <unistd.h>
 
 namespace kor::bench {
 
@@ -34,7 +37,7 @@ constexpr std::uint32_t kThisMachine = 0x7F000001;
 constexpr std::size_t kBatch = 64;
 constexpr Nanoseconds kAnswerDelay = 500 * kMicrosecond;
 constexpr Nanoseconds kLongestWait = 50 * kMillisecond;
-constexpr std::array<std::uint8_t, 40> kAnswer{};
+constexpr std::array<std::uint8_t, 36> kAnswer{};
 
 std::unique_ptr<UdpSocket> openSocket() {
     auto socket = std::make_unique<UdpSocket>();
@@ -66,10 +69,12 @@ public:
             while (clockNow() < due)
                 serve(due, false);
             std::memcpy(packet.data(), &n, sizeof n);
-            std::size_t sent = 0;
-            for (std::size_t i = 0; i < datagrams.size(); i += kBatch)
-                socket_->sendBatch(std::span(datagrams).subspan(i, std::min(kBatch, datagrams.size() - i)),
-                                   sent);
+            for (std::size_t i = 0; i < datagrams.size(); i += kBatch) {
+                const auto batch = std::span(datagrams).subspan(i, std::min(kBatch, datagrams.size() - i));
+                std::size_t sent = 0;
+                if (socket_->sendBatch(batch, sent) != SendResult::sent)
+                    throw std::runtime_error("the kernel takes no more");
+            }
         }
     }
 

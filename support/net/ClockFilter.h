@@ -84,7 +84,7 @@ public:
     /// Forgets everything, as after a new connection.
     void reset();
 
-    /// True while the newest samples contradict the estimate: more of them soon would settle it.
+    /// True while samples that contradict the estimate are set aside: more of them soon would settle it.
     bool doubtful() const;
 
     /// The estimate to publish; changes only inside add() and reset(). The reference stays valid as long as

@@ -298,7 +298,8 @@ bool Connection::mayBeginTrain(Nanoseconds now) const {
 }
 
 bool Connection::stampDue(Nanoseconds now) const {
-    return stampWanted_ || now - lastStamp_ >= (now < settledAt_ ? kStampInterval : kSettledStampInterval);
+    return stampWanted_ ||
+           now - lastStamp_ >= (!clockKnown_ || now < settledAt_ ? kStampInterval : kSettledStampInterval);
 }
 
 DatagramWriter Connection::beginDatagram(std::span<std::uint8_t> buffer) const {
@@ -409,7 +410,7 @@ Train Connection::poll(Nanoseconds now, std::span<std::uint8_t> buffer) {
         if (occasion.stamp || size < limit || size + kFragmentHeaderBytes < payload || !mayBeginTrain(now))
             break;
     }
-    stalled_ = queue_.ready() && !window_.open(sent_.inFlightCharge());
+    stalled_ = waitsForWindow();
     stats_.windowStalls += stalled_ && data ? 1 : 0;
     if (data)
         nextTrain_ = now + window_.pace(static_cast<std::uint32_t>(train.bytes), roundTrip_.smoothed());

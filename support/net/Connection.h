@@ -88,8 +88,8 @@ public:
     /// Writes one goodbye datagram.
     Train farewell(std::span<std::uint8_t> buffer);
 
-    /// The last poll() stopped because the window was full.
-    bool stalled() const { return stalled_; }
+    /// Has something to send, and its window is full.
+    bool waitsForWindow() const { return queue_.ready() && !window_.open(sent_.inFlightCharge()); }
 
     bool closedByPeer() const { return closedByPeer_; }
     const ConnectionConfig& config() const { return config_; }

@@ -60,6 +60,16 @@ void Endpoint::noteMeasured(Peer& peer) {
     pushEvent(NetEvent::Kind::measured, peer.connection.config().serial, peer.addr.getKey());
 }
 
+void Endpoint::reschedule(Peer& peer) {
+    wakes_.update(&peer, peer.connection.nextWake());
+    countStalled(peer);
+}
+
+void Endpoint::countStalled(Peer& peer) {
+    const bool before = std::exchange(peer.stalled, peer.connection.waitsForWindow());
+    stalledCount_ += static_cast<std::uint32_t>(peer.stalled) - static_cast<std::uint32_t>(before);
+}
+
 bool Endpoint::roomForEvents() {
     const bool room = events_.size() < kMaxWaitingEvents;
     stats_.refusedConnections += room ? 0 : 1;
@@ -307,7 +317,7 @@ void Endpoint::end(Peer& peer, NetEvent::Kind kind) {
     const std::uint64_t serial = peer.connection.config().serial;
     remember(peer);
     add(endedMalformed_, peer.connection.malformed());
-    stalledCount_ -= peer.connection.stalled() ? 1 : 0;
+    stalledCount_ -= peer.stalled ? 1 : 0;
     wakes_.remove(&peer);
     bySerial_.erase(serial);
     peers_.erase(key);
@@ -343,6 +353,7 @@ void Endpoint::send(std::uint64_t serial, Block bytes) {
     Peer& peer = *found->second;
     peer.connection.send(std::move(bytes));
     wakes_.advance(&peer, peer.connection.nextDataWake());
+    countStalled(peer);
 }
 
 void Endpoint::handedUp(std::uint64_t serial, std::uint32_t size, Nanoseconds now) {

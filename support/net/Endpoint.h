@@ -63,8 +63,8 @@ class Endpoint {
 public:
     Endpoint(EndpointConfig config, Nanoseconds now);
 
-    /// Takes in one datagram that arrived at `arrival` on local socket `socket`. True when nobody waits for
-    /// what it brings: it only reports what has arrived at a peer.
+    /// Takes in one datagram that arrived at `arrival` on local socket `socket`. True when it only
+    /// reports what a peer has received and handed up, which may wait a little.
     bool onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
                     Nanoseconds arrival);
 
@@ -121,6 +121,7 @@ private:
         RTAddr addr;
         std::size_t socket = 0;
         std::size_t wakeIndex = 0;
+        bool stalled = false;                  ///< is in stalledCount_
         std::uint64_t measuredAt = 0;          ///< newest `measured` event of this connection
         std::uint64_t measuredIn = UINT64_MAX; ///< the queue that it went into
         std::uint64_t nonce = 0;
@@ -166,7 +167,8 @@ private:
     bool roomForEvents();
     bool mayConnect(const Peer* known);
     void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
-    void reschedule(Peer& peer) { wakes_.update(&peer, peer.connection.nextWake()); }
+    void reschedule(Peer& peer);
+    void countStalled(Peer& peer);
     bool sendTrain(Peer& peer, Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink);
     bool pollAttempts(Nanoseconds now, DatagramSink& sink);
     bool sendReplies(DatagramSink& sink);

@@ -58,12 +58,11 @@ std::size_t Endpoint::poll(Nanoseconds now, std::span<std::uint8_t> buffer, Data
             end(peer, NetEvent::Kind::lost);
             continue;
         }
-        stalledCount_ -= peer.connection.stalled() ? 1 : 0;
         const Train train = peer.connection.poll(now, buffer);
-        stalledCount_ += peer.connection.stalled() ? 1 : 0;
         const Nanoseconds wake = peer.connection.nextWake();
         // One train in each turn; and whoever is due but has nothing to send must not hold up the others.
         wakes_.update(&peer, std::max(wake, now + (train.bytes == 0 ? 10 * kMicrosecond : 1)));
+        countStalled(peer);
         if (train.bytes == 0)
             continue;
         bytes += train.bytes;

@@ -134,6 +134,8 @@ void NetDriver::close() {
     handedUp_.clear();
     ownOutboxes_.clear();
     deadline_ = kNow;
+    onlyReports_ = tookOutboxes_ = moreWaits_ = gathers_ = false;
+    expectsMany_ = true;
     const std::lock_guard outboxLock(outboxMutex_);
     outboxes_.clear();
 }

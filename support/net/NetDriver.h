@@ -109,6 +109,7 @@ private:
     Nanoseconds lastBusy_ = 0;  ///< when the layer's thread last had something to do
     bool onlyReports_ = false;  ///< are all that the last turn has read
     bool tookOutboxes_ = false; ///< the last turn, of other threads
+    bool moreWaits_ = false;    ///< the last turn has not read all
     bool gathers_ = false;      ///< may rest a while instead of waiting for the next datagram
     std::atomic<std::uint64_t> gatherings_{0};
     bool expectsMany_ = true; ///< more than one datagram waits when one does

@@ -30,10 +30,9 @@ bool NetDriver::mayGather() const {
 
 void NetDriver::rest() {
     const Nanoseconds now = gathers_ ? clockNow() : kNow;
-    const bool burst = gathers_ && tookOutboxes_ && deadline_ > now + kBurstGathering;
-    if (burst)
+    if (gathers_ && tookOutboxes_ && deadline_ > now + kBurstGathering)
         poller_.pause(kBurstGathering);
-    else if (gathers_ && onlyReports_)
+    else if (gathers_ && onlyReports_ && deadline_ > now)
         poller_.nap(std::min(deadline_, now + kReportGathering));
     else
         return poller_.wait(deadline_);
@@ -65,6 +64,7 @@ bool NetDriver::sleptFor(const ReceivedRun& run) const {
 void NetDriver::receive() {
     bool reports = false;
     bool others = false;
+    moreWaits_ = false;
     for (std::size_t i = 0; i != sockets_.size(); ++i) {
         if (!poller_.readable(i))
             continue;
@@ -72,7 +72,9 @@ void NetDriver::receive() {
             const std::lock_guard lock(coreMutex_);
             const std::size_t most = expectsMany_ ? ReceiveBatch::kSlots : 1;
             const std::size_t runs = sockets_[i]->receive(*batch_, most);
-            expectsMany_ = runs > 1 || (runs == 1 && !sleptFor((*batch_)[0]));
+            if (runs == 0)
+                break;
+            expectsMany_ = runs > 1 || !sleptFor((*batch_)[0]);
             for (const ReceivedRun& run : *batch_) {
                 lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
@@ -84,7 +86,7 @@ void NetDriver::receive() {
             }
             if (runs < most || !expectsMany_)
                 break;
-            others |= round + 1 == kBatchesPerTurn; // there is more
+            moreWaits_ |= round + 1 == kBatchesPerTurn;
         }
     }
     onlyReports_ = reports && !others;

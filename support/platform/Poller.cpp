@@ -53,10 +53,10 @@ bool Waker::beginSleep(State how) {
 }
 
 void Waker::napUntil(Nanoseconds end) {
-    const Nanoseconds left = end - clockNow();
-    if (left <= 0 || !beginSleep(napping))
+    const Nanoseconds now = clockNow(); // compared first: the distance to kNow is none
+    if (end <= now || !beginSleep(napping))
         return;
-    const timespec wait = toTimespec(left);
+    const timespec wait = toTimespec(end - now);
     futex(state_, FUTEX_WAIT_PRIVATE, napping, &wait);
 }
 

@@ -68,14 +68,15 @@ public:
     /// end; a past one: not at all), to the microsecond. May return early.
     void wait(Nanoseconds deadline);
 
-    /// Waits until the waker was called or our clock shows `end`, whatever the sockets do: for one system
-    /// call more comes together on them. Then all of them count as readable.
+    /// Waits until the waker was called or our clock shows `end` (a past one: not at all), whatever the
+    /// sockets do: for one system call more comes together on them. Then all of them count as readable.
     void nap(Nanoseconds end);
 
     /// The same for so many nanoseconds, whatever the waker does too.
     void pause(Nanoseconds duration);
 
-    /// What the last `wait` found. A socket with a pending error counts as readable.
+    /// What the last `wait` found, or what is supposed since a rest. A socket with a pending error counts as
+    /// readable.
     bool readable(std::size_t index) const;
     bool writable(std::size_t index) const;
     bool woken() const { return woken_; }

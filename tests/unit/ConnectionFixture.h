@@ -46,7 +46,9 @@ public:
                 packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size);
         });
     }
-    void onSendOver(RTUser*, RS_SendPacketsQueue* send) override {
+    void onSendOver(RTUser* to, RS_SendPacketsQueue* send) override {
+        if (noticeHook)
+            noticeHook(to);
         note("", [&] {
             if (keepsPackets)
                 notices.push_back(send->id);
@@ -71,6 +73,7 @@ public:
     RTUser* user = nullptr;
     bool keepsPackets = true; ///< and notices; else they go to the hook alone
     std::function<void(RTUser*, Packet*)> packetHook;
+    std::function<void(RTUser*)> noticeHook;
 
 private:
     template <typename Change>

@@ -264,47 +264,96 @@ TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStamps) {
     }
 }
 
-/// Enough peers for the layer to gather what comes and goes: nothing may be left lying, whichever thread
-/// sends.
-TEST(ConnectionLayerAlone, ServesACrowdWithAndWithoutGathering) {
-    constexpr std::size_t kClients = 20;
-    constexpr std::size_t kRounds = 30;
-    for (const bool gather : {true, false}) {
-        Side master;
+/// Enough peers for the layer to gather what comes and goes.
+struct Crowd {
+    static constexpr std::size_t kClients = 20;
+    Side master;
+    std::vector<std::unique_ptr<Side>> clients;
+    std::vector<RTUser*> users;
+
+    bool open(bool gather) {
         NetOptions options;
         options.gather = gather;
         master.net.setOptions(options);
-        ASSERT_TRUE(master.open());
-        std::vector<std::unique_ptr<Side>> clients;
-        std::vector<RTUser*> users;
-        for (std::size_t i = 0; i != kClients; ++i) {
+        if (!master.open())
+            return false;
+        while (clients.size() != kClients) {
             Side& client = *clients.emplace_back(std::make_unique<Side>());
-            client.recorder.packetHook = [](RTUser* from, Packet* packet) {
-                from->sendAsyn(packet->data, static_cast<int>(packet->size));
-            };
-            ASSERT_TRUE(client.open());
+            if (!client.open())
+                return false;
             client.net.connect(jString("127.0.0.1"), master.port(), 1000, 30);
-            ASSERT_TRUE(master.recorder.await([&] { return master.recorder.events.size() == i + 1; }));
+            if (!master.recorder.await([&] { return master.recorder.events.size() == clients.size(); }))
+                return false;
             users.push_back(master.recorder.user);
         }
+        return true;
+    }
+};
+
+TEST(ConnectionLayerAlone, ServesACrowdWithAndWithoutGathering) {
+    constexpr std::size_t kRounds = 30;
+    for (const bool gather : {true, false}) {
+        Crowd crowd;
+        ASSERT_TRUE(crowd.open(gather));
+        Recorder& master = crowd.master.recorder;
+        for (const auto& client : crowd.clients)
+            client->recorder.packetHook = [](RTUser* from, Packet* packet) {
+                from->sendAsyn(packet->data, static_cast<int>(packet->size));
+            };
         std::vector<std::string> sent;
         for (std::size_t round = 1; round <= kRounds; ++round) {
             sent.push_back(text(1000, static_cast<unsigned>(round)));
-            for (RTUser* const user : users)
+            for (RTUser* const user : crowd.users)
                 ASSERT_NE(user->sendAsyn(sent.back().data(), 1000), RTUser::kRefused);
-            ASSERT_TRUE(master.recorder.await([&] {
-                return master.recorder.notices.size() == round * kClients &&
-                       master.recorder.packets.size() == round * kClients;
+            ASSERT_TRUE(master.await([&] {
+                return master.notices.size() == round * Crowd::kClients &&
+                       master.packets.size() == round * Crowd::kClients;
             }));
-            EXPECT_EQ(master.recorder.packets.back(), sent.back());
+            EXPECT_EQ(master.packets.back(), sent.back());
         }
-        for (const auto& client : clients) {
+        for (const auto& client : crowd.clients) {
             ASSERT_TRUE(client->recorder.await([&] { return client->recorder.notices.size() == kRounds; }));
             EXPECT_TRUE(client->recorder.packets == sent);
             EXPECT_EQ(client->net.getStatistics().gatherings, 0u);
         }
-        EXPECT_EQ(master.net.getStatistics().gatherings != 0, gather);
+        EXPECT_EQ(crowd.master.net.getStatistics().gatherings != 0, gather);
     }
+}
+
+/// The layer's own thread sends, nobody else wakes it, and what happens besides is no datagram: the rest must
+/// not outlast it. Afterwards the layer starts again.
+TEST(ConnectionLayerAlone, ACrowdThatOnlyReportsHoldsUpNoOtherEvent) {
+    Crowd crowd;
+    ASSERT_TRUE(crowd.open(true));
+    Recorder& master = crowd.master.recorder;
+    Side gone;
+    ASSERT_TRUE(gone.open());
+    const unsigned short nobody = gone.port();
+    gone.net.release();
+    master.keepsPackets = false;
+    for (const auto& client : crowd.clients)
+        client->recorder.keepsPackets = false;
+    std::atomic<bool> over{false};
+    master.noticeHook = [&](RTUser* to) {
+        if (!over)
+            to->sendAsyn("next", 4);
+    };
+    for (RTUser* const user : crowd.users)
+        user->sendAsyn("first", 5);
+    for (std::size_t failed = 1; failed <= 5; ++failed) {
+        crowd.master.net.connect(jString("127.0.0.1"), nobody, 20, 1);
+        ASSERT_TRUE(master.await([&] { return master.events.size() == Crowd::kClients + failed; }));
+        EXPECT_EQ(master.events.back(), "failed");
+    }
+    over = true;
+    EXPECT_NE(crowd.master.net.getStatistics().gatherings, 0u);
+    crowd.master.net.release();
+    ASSERT_TRUE(crowd.master.open());
+    EXPECT_EQ(crowd.master.net.getStatistics().gatherings, 0u);
+    ASSERT_TRUE(gone.open());
+    gone.net.connect(jString("127.0.0.1"), crowd.master.port(), 1000, 30);
+    EXPECT_TRUE(gone.recorder.await([&] { return !gone.recorder.events.empty(); }));
+    EXPECT_EQ(gone.recorder.events.back(), "connect");
 }
 
 TEST(ConnectionLayerAlone, OpensAndReleasesAgainAndRefusesATakenPort) {

@@ -73,6 +73,9 @@ TEST(Poller, ANapEndsByTimeOrByTheWakerAndSupposesTheSocketsReadable) {
     EXPECT_GE(clockNow(), end);
     EXPECT_TRUE(poller.readable(0));
     EXPECT_FALSE(poller.woken() || poller.writable(0));
+    poller.nap(end); // a past one does not wait: these would not return
+    poller.nap(kNow);
+    poller.nap(0);
     poller.waker().wake();
     poller.nap(kNever);
     EXPECT_TRUE(poller.woken());
