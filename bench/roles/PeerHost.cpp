@@ -4,6 +4,7 @@
 
 #include "Arrivals.h"
 #include "Roles.h"
+#include "ServeArrivals.h"
 #include "SystemTime.h"
 
 #include "support/net/Endpoint.h"
@@ -14,11 +15,9 @@
 #include <support/jTimer.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include <sys/epoll.h>
@@ -148,16 +147,7 @@ void korPeerHost(const std::vector<double>& arguments, Orders& orders) {
     Host host(static_cast<std::uint16_t>(arguments.at(0)), static_cast<std::size_t>(arguments.at(1)));
     while (!host.connected())
         host.turn();
-    std::atomic<bool> stop{false};
-    std::thread thread([&] {
-        while (!stop)
-            host.turn();
-    });
-    orders.answer({});
-    for (Order order; orders.next(order);)
-        orders.answer(host.arrivals.take());
-    stop = true;
-    thread.join();
+    serve(host, orders);
     host.sayGoodbye();
 }
 

@@ -4,6 +4,7 @@
 
 #include "Arrivals.h"
 #include "Roles.h"
+#include "ServeArrivals.h"
 #include "SystemTime.h"
 
 #include "support/net/Time.h"
@@ -15,13 +16,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstring>
 #include <deque>
 #include <memory>
 #include <span>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include <sys/epoll.h>
@@ -161,16 +160,7 @@ void udpMaster(const std::vector<double>&, Orders& orders) {
 
 void udpPeerHost(const std::vector<double>& arguments, Orders& orders) {
     UdpHost host(static_cast<std::uint16_t>(arguments.at(0)), static_cast<std::size_t>(arguments.at(1)));
-    std::atomic<bool> stop{false};
-    std::thread thread([&] {
-        while (!stop)
-            host.turn();
-    });
-    orders.answer({});
-    for (Order order; orders.next(order);)
-        orders.answer(host.arrivals.take());
-    stop = true;
-    thread.join();
+    serve(host, orders);
 }
 
 } // namespace kor::bench
