@@ -169,7 +169,6 @@ private:
     void pushEvent(NetEvent::Kind kind, std::uint64_t serial, std::uint64_t addressKey);
     void reschedule(Peer& peer);
     void countStalled(Peer& peer);
-    bool sendTrain(Peer& peer, Nanoseconds now, std::span<std::uint8_t> buffer, DatagramSink& sink);
     bool pollAttempts(Nanoseconds now, DatagramSink& sink);
     bool sendReplies(DatagramSink& sink);
     Peer* peerAt(const RTAddr& addr);
