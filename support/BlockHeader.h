@@ -14,8 +14,9 @@ struct alignas(std::max_align_t) BlockHeader {
     const char* label = nullptr;
     std::size_t size = 0;
     std::int32_t line = 0;
-    std::uint16_t shard = 0;
-    bool tracked = false; ///< linked into the list; read by the block's owner only
+    std::uint8_t shard = 0;
+    std::uint8_t lead = 0; ///< alignments between what the system gave and this
+    bool tracked = false;  ///< linked into the list; read by the block's owner only
     bool isArray = false;
 };
 
@@ -27,6 +28,9 @@ inline void* blockOf(BlockHeader* header) {
 inline BlockHeader* headerOf(void* block) {
     return static_cast<BlockHeader*>(block) - 1;
 }
+
+/// Blocks from this size on begin at a page.
+constexpr std::size_t kPagedBytes = 64u << 10;
 
 /// As `jAllocator::localAlloc`, but null when the system has no memory: for sizes that a peer decides on.
 void* tryAllocate(std::size_t size);

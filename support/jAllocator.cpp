@@ -4,6 +4,7 @@
 
 #include <support/jLog.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
 #include <new>
@@ -12,15 +13,32 @@ namespace kor {
 
 namespace detail {
 
+namespace {
+constexpr std::size_t kPageBytes = 4096;
+static_assert((kPageBytes - 1) / alignof(BlockHeader) <= UINT8_MAX, "BlockHeader::lead");
+} // namespace
+
 void allocationFailed(std::size_t size) {
     jLog::error("%s:cannot allocate %zu bytes", "jAllocator::localAlloc", size);
     std::abort();
 }
 
+// Some processors copy a long block at a fifth of their speed when it lies up to 63 bytes behind its source,
+// as counted within a page. Behind the header, that is where a block is filled from any other large one; at
+// the beginning of a page it is not.
 void* tryAllocate(std::size_t size) {
-    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockHeader);
-    void* raw = size <= kMost ? std::malloc(sizeof(BlockHeader) + size) : nullptr;
-    return raw ? blockOf(new (raw) BlockHeader) : nullptr;
+    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockHeader) - kPageBytes;
+    if (size > kMost)
+        return nullptr;
+    const bool paged = size >= kPagedBytes;
+    char* const raw = static_cast<char*>(std::malloc(sizeof(BlockHeader) + size + (paged ? kPageBytes : 0)));
+    if (!raw)
+        return nullptr;
+    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(raw) + sizeof(BlockHeader);
+    const std::size_t lead = paged ? (kPageBytes - at % kPageBytes) % kPageBytes : 0;
+    BlockHeader* const header = new (raw + lead) BlockHeader;
+    header->lead = static_cast<std::uint8_t>(lead / alignof(BlockHeader));
+    return blockOf(header);
 }
 
 } // namespace detail
@@ -44,7 +62,7 @@ void jAllocator::localFree(void* block) {
     }
     detail::BlockHeader* header = detail::headerOf(block);
     detail::untrack(*header);
-    std::free(header);
+    std::free(reinterpret_cast<char*>(header) - header->lead * alignof(detail::BlockHeader));
 }
 
 } // namespace kor

@@ -46,9 +46,9 @@ constinit std::array<Shard, kShards> shards{};
 constinit std::atomic<bool> trackingEnabled{true};
 constinit std::atomic<unsigned> threadsSeen{0};
 
-std::uint16_t shardOfThisThread() {
+std::uint8_t shardOfThisThread() {
     thread_local const auto shard =
-        static_cast<std::uint16_t>(threadsSeen.fetch_add(1, std::memory_order_relaxed) % kShards);
+        static_cast<std::uint8_t>(threadsSeen.fetch_add(1, std::memory_order_relaxed) % kShards);
     return shard;
 }
 

@@ -6,6 +6,7 @@
 #include <support/jAllocator.h>
 #include <support/memInfo.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -13,7 +14,11 @@ namespace kor::detail {
 
 namespace {
 constexpr const char* kSource = "support/net/Block";
-}
+
+// Longer copies are done by plain stores, which wait when the last reader of the block was on another
+// processor.
+constexpr std::uint32_t kCopyBytes = 64u << 10;
+} // namespace
 
 void Block::free() {
     memRemoveInfo(data_, kSource, __LINE__, "Block::free");
@@ -28,6 +33,16 @@ Block Block::allocate(std::uint32_t size) {
         return block;
     block.size_ = size;
     memAddInfo(block.data_, true, kSource, __LINE__, "Block::allocate", size);
+    return block;
+}
+
+Block Block::copyOf(const void* data, std::uint32_t size) {
+    Block block = allocate(size);
+    if (!block)
+        return block;
+    const auto* const from = static_cast<const unsigned char*>(data);
+    for (std::uint32_t at = 0; at < size; at += std::min(size - at, kCopyBytes))
+        std::memcpy(block.data_ + at, from + at, std::min(size - at, kCopyBytes));
     return block;
 }
 

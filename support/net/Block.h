@@ -24,6 +24,9 @@ public:
     /// A block of `size` bytes, not initialised; empty when the system has no memory for it.
     static Block allocate(std::uint32_t size);
 
+    /// The same with a copy of `data` in it.
+    static Block copyOf(const void* data, std::uint32_t size);
+
     unsigned char* data() const { return data_; }
     std::uint32_t size() const { return size_; }
     explicit operator bool() const { return data_ != nullptr; }

@@ -3,7 +3,6 @@
 #include "support/net/NetDriver.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -15,10 +14,9 @@ std::uint64_t NetPeer::enqueue(const void* data, int size) {
     const auto bytes = static_cast<std::uint32_t>(size);
     if (!takes(bytes))
         return RTUser::kRefused; // before the work of copying
-    Block block = Block::allocate(bytes);
+    Block block = Block::copyOf(data, bytes);
     if (!block)
         return RTUser::kRefused;
-    std::memcpy(block.data(), data, bytes);
 
     std::uint64_t id = 0;
     bool wake = false;
