@@ -341,10 +341,12 @@ std::size_t Connection::addFragments(DatagramWriter& writer) {
         const std::optional<FragmentRef> piece = queue_.take(static_cast<std::uint32_t>(room));
         if (!piece)
             break;
+        const std::uint32_t size = queue_.packetSize(*piece);
         writer.addFragment({static_cast<std::uint32_t>(piece->packetId),
-                            queue_.packetSize(*piece),
+                            size,
                             piece->offset,
-                            {queue_.bytes(*piece), piece->length}});
+                            {queue_.bytes(*piece), piece->length}},
+                           size - piece->offset - piece->length);
         pieces_[count++] = *piece;
     }
     return count;

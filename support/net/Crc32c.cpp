@@ -2,6 +2,7 @@
 
 #include "support/net/LittleEndian.h"
 #include "support/platform/Crc32cHardware.h"
+#include "support/platform/Crc32cWide.h"
 
 #include <array>
 #include <cstddef>
@@ -34,19 +35,27 @@ constexpr Tables makeTables() {
 
 constexpr Tables kTables = makeTables();
 
+bool goesWide(std::size_t size) {
+    return size >= kCrc32cWideLeast && crc32cWideAvailable();
+}
+
 } // namespace
 
 std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc) {
+    if (goesWide(bytes.size()))
+        return crc32cWide(crc, bytes.data(), bytes.size());
     return crc32cHardwareAvailable() ? crc32cHardware(crc, bytes.data(), bytes.size())
                                      : crc32cPortable(bytes, crc);
 }
 
 std::uint32_t crc32cCopy(std::span<const std::uint8_t> head, std::span<const std::uint8_t> bytes,
-                         std::uint8_t* copyTo, std::uint32_t crc) {
+                         std::uint8_t* copyTo, std::uint32_t crc, std::size_t following) {
     if (crc32cHardwareAvailable()) {
         // A head that has just been written field by field makes the wide loads of the sum wait for all
         // stores before them, which are those of the last copy. After this copy they are done.
-        const std::uint32_t back = crc32cHardwareCopy(0, bytes.data(), bytes.size(), copyTo);
+        const std::uint32_t back = goesWide(bytes.size())
+                                       ? crc32cWideCopy(0, bytes.data(), bytes.size(), copyTo, following)
+                                       : crc32cHardwareCopy(0, bytes.data(), bytes.size(), copyTo, following);
         return crc32cHardwareJoin(crc32cHardware(crc, head.data(), head.size()), back, bytes.size());
     }
     std::memcpy(copyTo, bytes.data(), bytes.size());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -11,9 +12,9 @@ namespace kor::detail {
 std::uint32_t crc32c(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);
 
 /// The sum of `head` and then `bytes`. Copies the bytes to `copyTo`, which must not overlap them: reads them
-/// once for both, and the head after them.
+/// once for both, and the head after them. Behind the bytes lie `following` more that will be wanted next.
 std::uint32_t crc32cCopy(std::span<const std::uint8_t> head, std::span<const std::uint8_t> bytes,
-                         std::uint8_t* copyTo, std::uint32_t crc = 0);
+                         std::uint8_t* copyTo, std::uint32_t crc = 0, std::size_t following = 0);
 
 /// The same sum without the instruction: eight tables, eight bytes a step (Kounavis and Berry, 2005).
 std::uint32_t crc32cPortable(std::span<const std::uint8_t> bytes, std::uint32_t crc = 0);

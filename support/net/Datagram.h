@@ -134,8 +134,9 @@ public:
 
     /// Bytes of a fragment that fit now; 0 when none does or the datagram has as many fragments as it may.
     std::size_t fragmentRoom() const;
-    /// `fragment.bytes` is copied; false when it does not fit.
-    bool addFragment(const FragmentFrame& fragment);
+    /// `fragment.bytes` is copied; false when it does not fit. Behind them lie `following` bytes that may
+    /// come into the next datagrams.
+    bool addFragment(const FragmentFrame& fragment, std::size_t following = 0);
 
     /// Fills the datagram with padding up to `size` bytes in all; nothing can be added after it. At least one
     /// byte.

@@ -112,7 +112,7 @@ std::size_t DatagramWriter::fragmentRoom() const {
     return std::min<std::size_t>(room - kFragmentHeaderBytes, UINT16_MAX);
 }
 
-bool DatagramWriter::addFragment(const FragmentFrame& fragment) {
+bool DatagramWriter::addFragment(const FragmentFrame& fragment, std::size_t following) {
     const std::size_t length = fragment.bytes.size();
     assert(length >= 1 && std::uint64_t{fragment.offset} + length <= fragment.packetSize);
     if (length > fragmentRoom())
@@ -122,7 +122,8 @@ bool DatagramWriter::addFragment(const FragmentFrame& fragment) {
     store32(to + 4, fragment.packetSize);
     store32(to + 8, fragment.offset);
     store16(to + 12, static_cast<std::uint16_t>(length));
-    sum_ = crc32cCopy(buffer_.subspan(summed_, size_ - length - summed_), fragment.bytes, to + 14, sum_);
+    sum_ = crc32cCopy(buffer_.subspan(summed_, size_ - length - summed_), fragment.bytes, to + 14, sum_,
+                      following);
     summed_ = size_;
     ++fragments_;
     return true;

@@ -2,10 +2,12 @@
 
 #if defined(__x86_64__)
 
+#include "support/platform/Crc32cShifts.h"
+#include "support/platform/FetchAhead.h"
+
 #include <immintrin.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <type_traits>
 
@@ -13,27 +15,11 @@ namespace kor::detail {
 
 namespace {
 
-constexpr std::uint32_t kReversedPolynomial = 0x82F63B78;
 constexpr std::size_t kMaxWords = 128; // per stream and round
 constexpr std::size_t kLeastWords = 4; // per stream; shorter data is done faster in one stream
 constexpr std::size_t kWordBytes = 8;
 
-/// Element n is x^(64 n - 33) modulo the polynomial, bits reversed: multiplied with a CRC and run through the
-/// CRC instruction, it moves that CRC past n words of zero.
-using Shifts = std::array<std::uint32_t, 2 * kMaxWords + 1>;
-
-constexpr Shifts makeShifts() {
-    Shifts shifts{};
-    std::uint32_t power = 1; // x^31
-    for (std::size_t n = 1; n < shifts.size(); ++n) {
-        shifts[n] = power;
-        for (int bit = 0; bit < 64; ++bit)
-            power = (power >> 1) ^ ((power & 1) != 0 ? kReversedPolynomial : 0);
-    }
-    return shifts;
-}
-
-constexpr Shifts kShifts = makeShifts();
+static_assert(2 * kMaxWords < kCrc32cShifts.size());
 
 std::uint64_t load64(const std::uint8_t* from) {
     std::uint64_t word = 0;
@@ -41,6 +27,8 @@ std::uint64_t load64(const std::uint8_t* from) {
     return word;
 }
 
+/// Run through the CRC instruction, a CRC multiplied with element n of the shifts is moved past n words of
+/// zero.
 [[gnu::target("sse4.2,pclmul")]] std::uint64_t multiply(std::uint64_t crc, std::uint32_t shift) {
     const __m128i product = _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(crc)),
                                                  _mm_cvtsi64_si128(static_cast<long long>(shift)), 0);
@@ -79,17 +67,20 @@ template <typename To>
     crc = _mm_crc32_u64(crc, pass(data + last, copyTo + last));
     second = _mm_crc32_u64(second, pass(data + last + stride, copyTo + (last + stride)));
     return _mm_crc32_u64(third, pass(data + last + 2 * stride, copyTo + (last + 2 * stride)) ^
-                                    multiply(crc, kShifts[2 * words]) ^ multiply(second, kShifts[words]));
+                                    multiply(crc, kCrc32cShifts[2 * words]) ^
+                                    multiply(second, kCrc32cShifts[words]));
 }
 
 template <typename To>
 [[gnu::target("sse4.2,pclmul")]] std::uint32_t sum(std::uint32_t crc, const std::uint8_t* data,
-                                                   std::size_t size, To copyTo) {
+                                                   std::size_t size, To copyTo, std::size_t readable) {
     std::uint64_t wide = ~crc;
     while (size >= 3 * kLeastWords * kWordBytes) {
         const std::size_t words = std::min(size / (3 * kWordBytes), kMaxWords);
         const std::size_t bytes = 3 * words * kWordBytes;
+        fetchAhead(data, bytes, readable);
         wide = threeStreams(wide, data, words, copyTo);
+        readable -= bytes;
         data += bytes;
         copyTo = copyTo + bytes;
         size -= bytes;
@@ -109,7 +100,7 @@ template <typename To>
     std::uint64_t wide = crc;
     while (size >= kWordBytes) {
         const std::size_t words = std::min(size / kWordBytes, 2 * kMaxWords);
-        wide = _mm_crc32_u64(0, multiply(wide, kShifts[words]));
+        wide = _mm_crc32_u64(0, multiply(wide, kCrc32cShifts[words]));
         size -= words * kWordBytes;
     }
     auto result = static_cast<std::uint32_t>(wide);
@@ -126,12 +117,12 @@ bool crc32cHardwareAvailable() {
 }
 
 std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::size_t size) {
-    return sum(crc, data, size, NoCopy{});
+    return sum(crc, data, size, NoCopy{}, size);
 }
 
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
-                                 std::uint8_t* copyTo) {
-    return sum(crc, data, size, copyTo);
+                                 std::uint8_t* copyTo, std::size_t following) {
+    return sum(crc, data, size, copyTo, size + following);
 }
 
 std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t back, std::size_t backSize) {
@@ -152,7 +143,8 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t*, std::size_t
     return crc;
 }
 
-std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t*, std::size_t, std::uint8_t*) {
+std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t*, std::size_t, std::uint8_t*,
+                                 std::size_t) {
     return crc;
 }
 

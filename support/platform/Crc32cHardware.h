@@ -16,9 +16,10 @@ bool crc32cHardwareAvailable();
 /// Computation for iSCSI Polynomial Using CRC32 Instruction", Intel 2011.
 std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::size_t size);
 
-/// The same, and copies the data to `copyTo`, which must not overlap it: reads it once for both.
+/// The same, and copies the data to `copyTo`, which must not overlap it: reads it once for both. Behind the
+/// data lie `following` bytes that will be wanted next; some of them are fetched in advance.
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
-                                 std::uint8_t* copyTo);
+                                 std::uint8_t* copyTo, std::size_t following);
 
 /// The sum of two parts: `front` is that of the first, `back` that of the second alone, of `backSize` bytes.
 std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t back, std::size_t backSize);

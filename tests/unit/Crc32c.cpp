@@ -1,4 +1,6 @@
 #include "support/net/Crc32c.h"
+#include "support/platform/Crc32cHardware.h"
+#include "support/platform/Crc32cWide.h"
 
 #include <gtest/gtest.h>
 
@@ -46,10 +48,27 @@ TEST(Crc32c, PublishedVectors) {
     }
 }
 
-/// All ways (the processor's instruction where there is one, tables, while copying), whole and continued.
+using Sum = std::uint32_t (*)(std::uint32_t, const std::uint8_t*, std::size_t);
+using SumAndCopy = std::uint32_t (*)(std::uint32_t, const std::uint8_t*, std::size_t, std::uint8_t*,
+                                     std::size_t);
+
+void expectSum(Sum sum, SumAndCopy sumAndCopy, std::span<const std::uint8_t> part, std::uint32_t before) {
+    const std::uint32_t wanted = crc32cPortable(part, before);
+    ASSERT_EQ(sum(before, part.data(), part.size()), wanted) << part.size();
+    Bytes copy(part.size() + 1);
+    ASSERT_EQ(sumAndCopy(before, part.data(), part.size(), copy.data(), 0), wanted) << part.size();
+    ASSERT_TRUE(std::equal(part.begin(), part.end(), copy.begin())) << part.size();
+    ASSERT_EQ(copy.back(), 0) << "written behind the end";
+}
+
+/// All ways (the processor's instructions where there are such, tables, while copying), whole and continued.
 void expectAgreement(std::span<const std::uint8_t> part, std::size_t split) {
     const std::uint32_t whole = crc32cPortable(part);
     ASSERT_EQ(crc32c(part), whole) << part.size();
+    if (crc32cHardwareAvailable())
+        expectSum(crc32cHardware, crc32cHardwareCopy, part, static_cast<std::uint32_t>(split));
+    if (crc32cWideAvailable() && part.size() >= kCrc32cWideLeast)
+        expectSum(crc32cWide, crc32cWideCopy, part, static_cast<std::uint32_t>(split));
     ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
     ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole) << part.size() << " " << split;
     const auto head = part.first(split);
