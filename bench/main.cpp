@@ -1,4 +1,5 @@
 #include "figures/Figures.h"
+#include "LineTimes.h"
 #include "roles/Roles.h"
 #include "Table.h"
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,21 @@ void list() {
         std::printf("%-14s %s\n", figure.name, figure.what);
 }
 
+void measure(const Figure& figure, Table& table) {
+    const std::optional<LineTimes> before = figure.sideBySide ? measureLineTimes() : std::nullopt;
+    figure.measure(table);
+    const std::optional<LineTimes> after = before ? measureLineTimes() : std::nullopt;
+    if (!after)
+        return;
+    const auto add = [&](const char* when, const LineTimes& times) {
+        table.add(
+            {std::string(figure.name) + ", " + when + ": memory line from the other processor, vs own cache",
+             times.fromOther, "ns", times.fromOwn});
+    };
+    add("before", *before);
+    add("after", *after);
+}
+
 int measure(const std::vector<std::string>& only, const std::string& jsonFile) {
     Table table;
     int failed = 0;
@@ -45,7 +62,7 @@ int measure(const std::vector<std::string>& only, const std::string& jsonFile) {
             continue;
         std::fprintf(stderr, "%s: %s\n", figure.name, figure.what);
         try {
-            figure.measure(table);
+            measure(figure, table);
         } catch (const std::exception& error) {
             std::fprintf(stderr, "%s: %s\n", figure.name, error.what());
             ++failed;

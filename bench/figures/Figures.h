@@ -11,6 +11,7 @@ struct Figure {
     const char* name;
     const char* what; ///< for --list
     void (*measure)(Table& table);
+    bool sideBySide = false; ///< processes that hand each other data on several processors
 };
 
 std::span<const Figure> figures();
