@@ -64,7 +64,7 @@ struct NetStatistics {
     bool warmSends = false;               ///< in use: time stamps do not leave through a cold processor
     std::uint32_t receiveBufferBytes = 0; ///< granted by the kernel
     std::uint32_t sendBufferBytes = 0;    ///< granted by the kernel
-    std::uint64_t gatherings = 0;         ///< rests taken so that datagrams of many peers come together
+    std::uint64_t gatherings = 0; ///< rests taken so that datagrams come together (`NetOptions::gather`)
 };
 
 } // namespace kor

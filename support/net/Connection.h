@@ -99,6 +99,8 @@ public:
     const RoundTrip& roundTrip() const { return roundTrip_; }
     const SentLog& sentLog() const { return sent_; }
     std::uint64_t heldBytes() const { return reassembly_.heldBytes(); }
+    /// What the packet that comes next still lacks; 0 when nothing of it has come.
+    std::uint32_t missingBytes() const { return reassembly_.missingBytes(); }
     ConnectionStatistics statistics(Nanoseconds now) const;
 
     /// Where over-limit and contradictory datagrams are counted.

@@ -89,19 +89,18 @@ void Endpoint::reportFailed(std::uint64_t addressKey) {
 
 // ------------------------------------------------------------------------------------------ what comes in
 
-bool Endpoint::onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
-                          Nanoseconds arrival) {
+Endpoint::Arrived Endpoint::onDatagram(std::size_t socket, const RTAddr& from,
+                                       std::span<const std::uint8_t> bytes, Nanoseconds arrival) {
     ++stats_.datagramsReceived;
     stats_.wireBytesReceived += bytes.size();
     const DecodeError error = decodeDatagram(bytes, *decoded_);
     if (error != DecodeError::none) {
         countMalformed(error);
-        return false;
+        return Arrived::other;
     }
     switch (decoded_->header.kind) {
     case DatagramKind::data:
-        onData(socket, from, bytes, arrival);
-        return !decoded_->wantsAck() && !decoded_->close;
+        return onData(socket, from, bytes, arrival);
     case DatagramKind::request:
         onRequest(socket, from, arrival);
         break;
@@ -118,7 +117,7 @@ bool Endpoint::onDatagram(std::size_t socket, const RTAddr& from, std::span<cons
         onReset(from, arrival);
         break;
     }
-    return false;
+    return Arrived::other;
 }
 
 void Endpoint::countMalformed(DecodeError error) {
@@ -139,8 +138,8 @@ void Endpoint::countMalformed(DecodeError error) {
     }
 }
 
-void Endpoint::onData(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
-                      Nanoseconds arrival) {
+Endpoint::Arrived Endpoint::onData(std::size_t socket, const RTAddr& from,
+                                   std::span<const std::uint8_t> bytes, Nanoseconds arrival) {
     Peer* peer = peerAt(from);
     const DatagramHeader& header = decoded_->header;
     if (peer == nullptr || peer->connection.config().connectionId != header.connectionId ||
@@ -150,15 +149,20 @@ void Endpoint::onData(std::size_t socket, const RTAddr& from, std::span<const st
         // told us of.
         if (!decoded_->close && !attempts_.contains(from.getKey()))
             replyReset(socket, from, header, arrival);
-        return;
+        return Arrived::other;
     }
     peer->connection.onDatagram(*decoded_, arrival, bytes.size(), events_);
     if (decoded_->time)
         noteMeasured(*peer);
-    if (peer->connection.closedByPeer())
+    if (peer->connection.closedByPeer()) {
         end(*peer, NetEvent::Kind::disconnected);
-    else
-        reschedule(*peer);
+        return Arrived::other;
+    }
+    reschedule(*peer);
+    if (!decoded_->wantsAck())
+        return Arrived::report;
+    const bool midPacket = !decoded_->ping && peer->connection.missingBytes() >= kMidPacketBytes;
+    return midPacket ? Arrived::midPacket : Arrived::other;
 }
 
 void Endpoint::onRequest(std::size_t socket, const RTAddr& from, Nanoseconds now) {

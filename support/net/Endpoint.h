@@ -63,10 +63,17 @@ class Endpoint {
 public:
     Endpoint(EndpointConfig config, Nanoseconds now);
 
-    /// Takes in one datagram that arrived at `arrival` on local socket `socket`. True when it only
-    /// reports what a peer has received and handed up, which may wait a little.
-    bool onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
-                    Nanoseconds arrival);
+    enum class Arrived {
+        report,    ///< only says what a peer has received and handed up
+        midPacket, ///< of a packet of which at least kMidPacketBytes are still to come
+        other
+    };
+    static constexpr std::uint32_t kMidPacketBytes = 64u << 10;
+
+    /// Takes in one datagram that arrived at `arrival` on local socket `socket`, and tells whether what
+    /// follows it may wait a little.
+    Arrived onDatagram(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+                       Nanoseconds arrival);
 
     enum class Connect { started, connected, pending };
     /// Begins to connect from local socket 0. Every call is answered by one `connected` or `failed` event,
@@ -147,8 +154,8 @@ private:
     static constexpr Nanoseconds kStopped =
         kSecond / 2; ///< woken so much later than asked for, we were stopped
 
-    void onData(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
-                Nanoseconds arrival);
+    Arrived onData(std::size_t socket, const RTAddr& from, std::span<const std::uint8_t> bytes,
+                   Nanoseconds arrival);
     void onRequest(std::size_t socket, const RTAddr& from, Nanoseconds now);
     void onChallenge(const RTAddr& from, Nanoseconds now);
     void onResponse(std::size_t socket, const RTAddr& from, Nanoseconds now);

@@ -134,7 +134,8 @@ void NetDriver::close() {
     handedUp_.clear();
     ownOutboxes_.clear();
     deadline_ = kNow;
-    onlyReports_ = tookOutboxes_ = moreWaits_ = gathers_ = false;
+    onlyReports_ = tookOutboxes_ = moreWaits_ = midPacket_ = false;
+    rest_ = Rest::none;
     expectsMany_ = true;
     const std::lock_guard outboxLock(outboxMutex_);
     outboxes_.clear();

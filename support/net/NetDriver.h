@@ -81,7 +81,13 @@ private:
     static void spinHook(void* self);
     void pump();
     void rest();
-    bool mayGather() const;
+    enum class Rest {
+        none,       ///< until something comes
+        forReports, ///< of a crowd
+        forBurst,   ///< of packets that the application sends to a crowd
+        midPacket
+    };
+    Rest chooseRest() const;
     void receive();
     bool sleptFor(const ReceivedRun& run) const;
     void takeOutboxes();
@@ -107,10 +113,11 @@ private:
     std::optional<TrainSender> sender_;
     std::unique_ptr<ReceiveBatch> batch_;
     Nanoseconds lastBusy_ = 0;  ///< when the layer's thread last had something to do
-    bool onlyReports_ = false;  ///< are all that the last turn has read
+    bool onlyReports_ = false;  ///< are all datagrams that the last turn has read
     bool tookOutboxes_ = false; ///< the last turn, of other threads
     bool moreWaits_ = false;    ///< the last turn has not read all
-    bool gathers_ = false;      ///< may rest a while instead of waiting for the next datagram
+    bool midPacket_ = false;    ///< the last datagram of the last turn was
+    Rest rest_ = Rest::none;    ///< chosen by the last turn
     std::atomic<std::uint64_t> gatherings_{0};
     bool expectsMany_ = true; ///< more than one datagram waits when one does
     std::vector<std::uint8_t> trainBuffer_;

@@ -54,7 +54,7 @@ void NetDriver::sendOut() {
     takeOutboxes();
     sendDue();
     deadline_ = nextDeadline();
-    gathers_ = (onlyReports_ || tookOutboxes_) && !moreWaits_ && mayGather();
+    rest_ = chooseRest();
 }
 
 void NetDriver::sendDue() {

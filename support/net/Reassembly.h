@@ -51,6 +51,11 @@ public:
         --waiting_;
     }
 
+    /// Bytes that the next packet in order still lacks; 0 when nothing of it has come.
+    std::uint32_t missingBytes() const {
+        return partial_.empty() ? 0 : partial_.front().size - partial_.front().received;
+    }
+
     std::uint64_t nextId() const { return partial_.begin(); } ///< id of the packet that popWhole() gives next
     std::uint64_t heldBytes() const { return heldBytes_; }
 

@@ -237,11 +237,12 @@ TEST(ConnectionLayerAlone, RefusesMoreThanTheQueueHoldsForAPeerThatTakesNothing)
     EXPECT_TRUE(a.recorder.await([&] { return a.recorder.notices.size() == 17; }));
 }
 
-// Without the kernel's stamps nobody can tell whether a datagram has waited.
-TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStamps) {
-    for (const bool stamps : {true, false}) {
+// Without the kernel's stamps nobody can tell whether a datagram has waited, so there is no rest either.
+TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStampsAndGathering) {
+    for (const auto& [stamps, gather] : {std::pair{true, true}, {true, false}, {false, true}}) {
         NetOptions options;
         options.kernelTimeStamps = stamps;
+        options.gather = gather;
         options.receiveOffload = false;
         options.maxDatagramPayload = 1472;
         Side a;
@@ -261,6 +262,8 @@ TEST(ConnectionLayerAlone, ReceivesInBatchesWithAndWithoutKernelStamps) {
         const NetStatistics statistics = b.net.getStatistics();
         EXPECT_LT(statistics.systemCallsReceive, statistics.datagramsReceived * 9 / 10)
             << "stamps " << stamps;
+        EXPECT_EQ(statistics.gatherings != 0, stamps && gather);
+        EXPECT_TRUE(std::ranges::all_of(b.recorder.packets, [&](const auto& got) { return got == packet; }));
     }
 }
 
