@@ -38,11 +38,11 @@ std::vector<int> processors() {
     return list;
 }
 
-void stayOn(int processor) {
+bool stayOn(int processor) {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(processor, &set);
-    ::sched_setaffinity(0, sizeof set, &set);
+    return ::sched_setaffinity(0, sizeof set, &set) == 0;
 }
 
 /// Waits for its turn and gives it back. Yields, as the other may want this very processor.
@@ -53,16 +53,19 @@ void pass(std::atomic<int>& turn, int own) {
     turn.store(1 - own, std::memory_order_release);
 }
 
-double fromOther(int first, int second) {
+std::optional<double> fromOther(int first, int second) {
     Line line;
     std::vector<double> batches;
+    std::atomic<bool> apart{true};
     std::thread partner([&] {
-        stayOn(second);
+        if (!stayOn(second))
+            apart = false;
         for (int i = 0; i != kBatches * kPasses; ++i)
             pass(line.turn, 1);
     });
     std::thread measurer([&] {
-        stayOn(first);
+        if (!stayOn(first))
+            apart = false;
         for (int batch = 0; batch != kBatches; ++batch) {
             const std::int64_t begin = systemNow();
             for (int i = 0; i != kPasses; ++i)
@@ -72,6 +75,8 @@ double fromOther(int first, int second) {
     });
     measurer.join();
     partner.join();
+    if (!apart)
+        return std::nullopt;
     return median(batches);
 }
 
@@ -100,7 +105,10 @@ std::optional<LineTimes> measureLineTimes() {
     const std::vector<int> usable = processors();
     if (usable.size() < 2)
         return std::nullopt;
-    return LineTimes{fromOther(usable[0], usable[1]), fromOwn()};
+    const std::optional<double> other = fromOther(usable[0], usable[1]);
+    if (!other)
+        return std::nullopt;
+    return LineTimes{*other, fromOwn()};
 }
 
 } // namespace kor::bench

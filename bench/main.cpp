@@ -47,7 +47,7 @@ void measure(const Figure& figure, Table& table) {
         return;
     const auto add = [&](const char* when, const LineTimes& times) {
         table.add(
-            {std::string(figure.name) + ", " + when + ": memory line from the other processor, vs own cache",
+            {std::string(figure.name) + ", " + when + ": memory line between two processors, vs own memory",
              times.fromOther, "ns", times.fromOwn});
     };
     add("before", *before);

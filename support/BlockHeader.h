@@ -14,10 +14,10 @@ struct alignas(std::max_align_t) BlockHeader {
     const char* label = nullptr;
     std::size_t size = 0;
     std::int32_t line = 0;
-    std::uint8_t shard = 0;
-    std::uint8_t lead = 0; ///< alignments between what the system gave and this
-    bool tracked = false;  ///< linked into the list; read by the block's owner only
-    bool isArray = false;
+    std::uint16_t lead = 0; ///< bytes between what the system gave and this
+    bool tracked = false;   ///< linked into the list; read by the block's owner only
+    bool isArray : 1 = false;
+    std::uint8_t shard : 7 = 0;
 };
 
 inline void* blockOf(BlockHeader* header) {

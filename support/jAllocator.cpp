@@ -15,7 +15,6 @@ namespace detail {
 
 namespace {
 constexpr std::size_t kPageBytes = 4096;
-static_assert((kPageBytes - 1) / alignof(BlockHeader) <= UINT8_MAX, "BlockHeader::lead");
 } // namespace
 
 void allocationFailed(std::size_t size) {
@@ -37,7 +36,7 @@ void* tryAllocate(std::size_t size) {
     const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(raw) + sizeof(BlockHeader);
     const std::size_t lead = paged ? (kPageBytes - at % kPageBytes) % kPageBytes : 0;
     BlockHeader* const header = new (raw + lead) BlockHeader;
-    header->lead = static_cast<std::uint8_t>(lead / alignof(BlockHeader));
+    header->lead = static_cast<std::uint16_t>(lead);
     return blockOf(header);
 }
 
@@ -62,7 +61,7 @@ void jAllocator::localFree(void* block) {
     }
     detail::BlockHeader* header = detail::headerOf(block);
     detail::untrack(*header);
-    std::free(reinterpret_cast<char*>(header) - header->lead * alignof(detail::BlockHeader));
+    std::free(reinterpret_cast<char*>(header) - header->lead);
 }
 
 } // namespace kor

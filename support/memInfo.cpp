@@ -41,7 +41,7 @@ struct alignas(128) Shard {
     std::uint64_t totalBlocks = 0;
 };
 
-constexpr unsigned kShards = 64;
+constexpr unsigned kShards = 64; // BlockHeader holds up to 128
 constinit std::array<Shard, kShards> shards{};
 constinit std::atomic<bool> trackingEnabled{true};
 constinit std::atomic<unsigned> threadsSeen{0};
@@ -97,7 +97,7 @@ void memAddInfo(void* block, bool isArray, const char* file, int line, const cha
     header.size = size;
     header.line = line;
     header.isArray = isArray;
-    header.shard = shardOfThisThread();
+    header.shard = shardOfThisThread() % kShards;
     header.tracked = true;
     link(shards[header.shard], header);
 }

@@ -15,8 +15,8 @@ namespace detail {
 
 /// The allocator of every object and buffer that the library creates. Stateless, safe from any thread.
 ///
-/// Blocks carry a small hidden header in which `memAddInfo` keeps its books, so nothing but `localFree` may
-/// free them.
+/// Blocks carry a small hidden header, large ones up to a page more, in which `memAddInfo` keeps its books,
+/// so nothing but `localFree` may free them.
 class KOR_API jAllocator {
 public:
     jAllocator(const jAllocator&) = delete;
@@ -25,8 +25,9 @@ public:
     /// The process's allocator; never null, usable until the process has ended.
     static jAllocator* get();
 
-    /// A block of at least `size` bytes, aligned for every fundamental type; its content is indeterminate.
-    /// Never null: a request that the system cannot meet ends the process with an error in the log.
+    /// A block of at least `size` bytes, aligned for every fundamental type, and to a page of 4 KiB from 64
+    /// KiB on; its content is indeterminate. Never null: a request that the system cannot meet ends the
+    /// process with an error in the log.
     void* localAlloc(std::size_t size);
 
     /// Gives a block of `localAlloc` back; null does nothing. A block that is still registered is

@@ -136,6 +136,7 @@ void NetDriver::close() {
     deadline_ = kNow;
     onlyReports_ = tookOutboxes_ = moreWaits_ = midPacket_ = false;
     rest_ = Rest::none;
+    lastArrival_ = 0;
     expectsMany_ = true;
     const std::lock_guard outboxLock(outboxMutex_);
     outboxes_.clear();

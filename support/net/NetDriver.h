@@ -116,8 +116,9 @@ private:
     bool onlyReports_ = false;  ///< are all datagrams that the last turn has read
     bool tookOutboxes_ = false; ///< the last turn, of other threads
     bool moreWaits_ = false;    ///< the last turn has not read all
-    bool midPacket_ = false;    ///< the last datagram of the last turn was
-    Rest rest_ = Rest::none;    ///< chosen by the last turn
+    bool midPacket_ = false;    ///< the last turn has ended amid the pieces of a packet, close together
+    Nanoseconds lastArrival_ = 0;
+    Rest rest_ = Rest::none; ///< chosen by the last turn
     std::atomic<std::uint64_t> gatherings_{0};
     bool expectsMany_ = true; ///< more than one datagram waits when one does
     std::vector<std::uint8_t> trainBuffer_;

@@ -16,12 +16,15 @@ constexpr Nanoseconds kPumpWait = 50 * kMicrosecond;
 constexpr std::uint32_t kCrowd = 16; // connections
 constexpr Nanoseconds kReportGathering = 100 * kMicrosecond;
 constexpr Nanoseconds kBurstGathering = 50 * kMicrosecond;
-constexpr Nanoseconds kPieceGathering = 30 * kMicrosecond; // what is to come takes longer at 17 Gbit/s
+constexpr Nanoseconds kPieceGathering = 30 * kMicrosecond; // what is to come takes longer up to 17 Gbit/s
+constexpr Nanoseconds kCloseTogether = kPieceGathering / 2;
+constexpr std::size_t kJoinedBytes = 16u << 10; // a longer run was worth waking for
 } // namespace
 
-/// The pieces of a large packet, in a crowd what each peer reports, and what an application sends to one peer
-/// after the other, would wake us for a few datagrams each time; to wake us costs whoever sends. A short rest
-/// during which nothing else does brings them together. The kernel has stamped what arrives meanwhile.
+/// The pieces of a large packet that follow each other closely, in a crowd what each peer reports, and what
+/// an application sends to one peer after the other, would wake us for a few datagrams each time; over
+/// loopback the sender pays for that. A short rest during which nothing else does brings them together. The
+/// kernel has stamped what arrives meanwhile.
 NetDriver::Rest NetDriver::chooseRest() const {
     const bool crowd = endpoint_->connectionCount() >= kCrowd;
     const Rest rest = crowd && tookOutboxes_  ? Rest::forBurst
@@ -88,12 +91,15 @@ void NetDriver::receive() {
             for (const ReceivedRun& run : *batch_) {
                 lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
+                const bool small = run.bytes.size() <= kJoinedBytes;
                 for (std::size_t n = 0; n != run.datagramCount(); ++n) {
                     const Endpoint::Arrived arrived =
                         endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
                     reports |= arrived == Endpoint::Arrived::report;
                     others |= arrived != Endpoint::Arrived::report;
-                    midPacket_ = arrived == Endpoint::Arrived::midPacket;
+                    midPacket_ = arrived == Endpoint::Arrived::midPacket && small &&
+                                 run.arrival - lastArrival_ < kCloseTogether;
+                    lastArrival_ = run.arrival;
                 }
             }
             if (runs < most || !expectsMany_)

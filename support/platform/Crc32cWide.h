@@ -6,7 +6,7 @@
 namespace kor::detail {
 
 /// Shorter data is summed faster by the CRC instruction.
-constexpr std::size_t kCrc32cWideLeast = 256;
+constexpr std::size_t kCrc32cWideLeast = 512;
 
 /// True when this processor has the carry-less multiplication of four pairs at once (VPCLMULQDQ, AVX-512).
 /// Cheap: found out once.

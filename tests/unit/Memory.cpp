@@ -33,6 +33,19 @@ TEST(Memory, BlocksAreAlignedAndWritable) {
     jAllocator::get()->localFree(nullptr);
 }
 
+TEST(Memory, LargeBlocksBeginAtAPage) {
+    std::vector<void*> blocks;
+    for (const std::size_t size : {64U << 10, 100000U, 1U << 20, (1U << 20) + 7}) {
+        blocks.push_back(track(size));
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(blocks.back()) % 4096, 0U) << size;
+        std::memset(blocks.back(), 0xFF, size);
+    }
+    EXPECT_EQ(memReport().liveBlocks, blocks.size());
+    for (void* block : blocks)
+        jAllocator::get()->localFree(block);
+    EXPECT_EQ(memReport().liveBlocks, 0U);
+}
+
 TEST(Memory, ReportGroupsLiveBlocks) {
     const std::uint64_t before = memReport().totalBlocks;
     void* small = track(10, "small");
