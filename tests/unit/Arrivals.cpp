@@ -5,9 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
-#include <cstring>
 #include <deque>
+#include <utility>
 #include <vector>
 
 namespace {
