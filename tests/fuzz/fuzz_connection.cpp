@@ -1,13 +1,13 @@
 #include "support/net/Crc32c.h"
 #include "support/net/Endpoint.h"
 #include "support/net/LittleEndian.h"
+#include "tests/WireSink.h"
 
 #include <support/memInfo.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdlib>
-#include <deque>
 #include <vector>
 
 // A connection with real traffic on it, fed with hostile datagrams that carry the right connection id and
@@ -26,7 +26,7 @@ void require(bool condition) {
         std::abort();
 }
 
-struct Side final : DatagramSink {
+struct Side final : testing_support::WireSink {
     Side(const RTAddr& own, std::uint64_t seed) : addr(own), endpoint(config(seed), 0) {}
 
     static EndpointConfig config(std::uint64_t seed) {
@@ -38,15 +38,6 @@ struct Side final : DatagramSink {
         };
         result.maxPeers = 4;
         return result;
-    }
-    bool send(const Outgoing& outgoing) override {
-        for (std::size_t at = 0; at < outgoing.bytes.size(); at += outgoing.segment) {
-            const auto part =
-                outgoing.bytes.subspan(at, std::min(outgoing.segment, outgoing.bytes.size() - at));
-            if (wire.size() < 1024)
-                wire.emplace_back(part.begin(), part.end());
-        }
-        return true;
     }
     void poll(Nanoseconds now) {
         endpoint.poll(now, buffer, *this, 8);
@@ -71,7 +62,6 @@ struct Side final : DatagramSink {
     Endpoint endpoint;
     std::uint64_t serial = 0;
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(64 << 10);
-    std::deque<std::vector<std::uint8_t>> wire; ///< on its way to the other side
 };
 
 void fixChecksum(std::vector<std::uint8_t>& bytes) {

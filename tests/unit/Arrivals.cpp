@@ -1,13 +1,12 @@
 // What an endpoint says of each datagram that arrives: whether what follows may wait.
 
 #include "support/net/Endpoint.h"
+#include "tests/WireSink.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <utility>
 #include <vector>
 
@@ -19,7 +18,7 @@ using Arrived = Endpoint::Arrived;
 
 constexpr Nanoseconds kStep = 100 * kMicrosecond;
 
-struct Side final : DatagramSink {
+struct Side final : testing_support::WireSink {
     Side(const RTAddr& own, std::uint64_t seed) : addr(own), endpoint(config(seed), 0) {}
 
     static EndpointConfig config(std::uint64_t seed) {
@@ -29,14 +28,6 @@ struct Side final : DatagramSink {
         result.random = [seed]() mutable { return ++seed; };
         result.maxPeers = 4;
         return result;
-    }
-    bool send(const Outgoing& outgoing) override {
-        for (std::size_t at = 0; at < outgoing.bytes.size(); at += outgoing.segment) {
-            const auto part =
-                outgoing.bytes.subspan(at, std::min(outgoing.segment, outgoing.bytes.size() - at));
-            wire.emplace_back(part.begin(), part.end());
-        }
-        return true;
     }
     void poll(Nanoseconds now) {
         endpoint.poll(now, buffer, *this, 8);
@@ -56,7 +47,6 @@ struct Side final : DatagramSink {
     std::uint64_t serial = 0;
     int delivered = 0;
     std::vector<std::uint8_t> buffer = std::vector<std::uint8_t>(64 << 10);
-    std::deque<std::vector<std::uint8_t>> wire; ///< on its way to the other side
 };
 
 /// What the datagram is to whoever has received all before it.
