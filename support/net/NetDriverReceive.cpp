@@ -91,15 +91,15 @@ void NetDriver::receive() {
             for (const ReceivedRun& run : *batch_) {
                 lastBusy_ = std::max(lastBusy_, run.arrival);
                 const RTAddr from(run.from.ip, run.from.port);
-                const bool small = run.bytes.size() <= kJoinedBytes;
+                const bool close =
+                    run.bytes.size() <= kJoinedBytes && run.arrival - lastArrival_ < kCloseTogether;
+                lastArrival_ = run.arrival;
                 for (std::size_t n = 0; n != run.datagramCount(); ++n) {
                     const Endpoint::Arrived arrived =
                         endpoint_->onDatagram(i, from, run.datagram(n), run.arrival);
                     reports |= arrived == Endpoint::Arrived::report;
                     others |= arrived != Endpoint::Arrived::report;
-                    midPacket_ = arrived == Endpoint::Arrived::midPacket && small &&
-                                 run.arrival - lastArrival_ < kCloseTogether;
-                    lastArrival_ = run.arrival;
+                    midPacket_ = close && arrived == Endpoint::Arrived::midPacket;
                 }
             }
             if (runs < most || !expectsMany_)
