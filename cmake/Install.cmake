@@ -1,18 +1,19 @@
 # What `cmake --install` puts where: the headers, the libraries, the CMake package `kor` and the pkg-config
 # files `kor` and `kor-trace`.
 #
-# Components: `library` is what programs need to run, `development` what it takes to build them.
+# Components: `library` is what programs need to run, `development` what it takes to build them, `tools` the programs.
 
 include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 set(KOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kor)
 
 install(TARGETS kor kor-trace EXPORT korTargets
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  RUNTIME COMPONENT library
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kor)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kor FILES_MATCHING PATTERN "*.h")
 install(EXPORT korTargets NAMESPACE kor:: DESTINATION ${KOR_CMAKE_DIR})
 
@@ -35,5 +36,6 @@ foreach(package kor kor-trace)
   install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
-# Whatever the folders of programs install.
-set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)
+if(TARGET kor-master)
+  install(TARGETS kor-master kor-slave kor-trace-merge COMPONENT tools)
+endif()

@@ -2,6 +2,9 @@
 
 jobs=$(nproc 2>/dev/null || echo 2)
 
+# How we build, and users do not: a warning of a compiler newer than ours would be their end.
+ours=(-DKOR_BUILD_TESTS=ON -DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
+
 # help_asked ARGUMENT...: whether one of them asks for help. Asked before anything is installed or built.
 help_asked() {
   local argument
@@ -30,7 +33,7 @@ locked() {
 configure() {
   local folder=$1
   shift
-  local options=(-G Ninja "$@")
+  local options=(-G Ninja "${ours[@]}" "$@")
   if command -v ccache >/dev/null; then
     options+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   fi

@@ -1,7 +1,7 @@
 #include <kor/Client.h>
 
 #include "src/Introduction.h"
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <kor/Record.h>
 #include <support/AtomicLock.h>
 #include <support/BufferReader.h>
@@ -16,23 +16,15 @@ namespace kor {
 
 namespace {
 
-constexpr std::size_t kMostQueuedBytes = std::size_t{64} << 20;
-constexpr int kMostQueuedPackets = 65536;
-constexpr int kMostIntroductionBytes = 16 << 10;
+bool isIntroduction(const unsigned char* packet, std::uint32_t size) {
+    BufferReader reader(packet, size);
+    return openRecord(reader, detail::kIntroductionCode, 0);
+}
 
-/// False for another packet, or one that is too large to be an introduction. Of the names that the packet
-/// claims, takes those that it holds.
-bool readIntroduction(BufferReader& reader, jString& name, int& claimedCameras, jVector<jString>& cameras) {
-    if (reader.remaining() > kMostIntroductionBytes || !openRecord(reader, detail::kIntroductionCode, 0)) {
-        return false;
-    }
-    name = reader.readString();
-    claimedCameras = reader.readInt();
-    cameras.reserve(std::min(claimedCameras, reader.remaining()), false); // a name takes one byte at least
-    for (int i = 0; i < claimedCameras && reader.remaining() > 0; ++i) {
-        cameras.push_back(reader.readString());
-    }
-    return true;
+/// Memory for a packet that waits: its bytes, its entry in the list and what the allocator adds.
+std::size_t memoryFor(std::size_t bytes) {
+    constexpr std::size_t kOverhead = 128;
+    return bytes + kOverhead;
 }
 
 } // namespace
@@ -44,19 +36,24 @@ Client::~Client() = default;
 
 void Client::onPacket(RTUser* from, Packet* packet) {
     state = KOR_CLIENT_STATE_ACTIVE;
-    BufferReader reader(packet->data, packet->data ? packet->size : 0);
     const RTAddr& peer = from ? from->getAddr() : addr;
+    const std::uint32_t size = packet->data ? packet->size : 0;
+    if (!isIntroduction(packet->data, size)) {
+        if (size > 0 && !keep(*packet))
+            jLog::warning("[%s] sends more than is taken in, packets are dropped",
+                          peer.formatString().c_str());
+        return;
+    }
+    BufferReader reader(packet->data, size);
     if (kor_init(reader)) {
         init = true;
         jLog::message("[%s] init, name:%s", peer.formatString().c_str(), identity.copyName().c_str());
         return;
     }
-    if (!packet->data || packet->size == 0) {
-        return;
-    }
-    if (!keep(*packet)) {
-        jLog::warning("[%s] sends more than is taken in, packets are dropped", peer.formatString().c_str());
-    }
+    refusedIntroductions = refusedIntroductions + 1;
+    if (refusedIntroductions == 1)
+        jLog::warning("[%s] introduction of %u bytes refused, at most %d are taken in",
+                      peer.formatString().c_str(), size, kMaxIntroductionBytes);
 }
 
 void Client::onSendOver(RTUser*, RS_SendPacketsQueue* finished) {
@@ -68,26 +65,28 @@ void Client::onSendOver(RTUser*, RS_SendPacketsQueue* finished) {
     }
 }
 
+/// Takes an introduction of at most `kMaxIntroductionBytes`. Of the names that it claims, takes those that
+/// the packet holds.
 bool Client::kor_init(BufferReader& reader) {
-    const int start = reader.position;
-    jString slaveName;
-    jVector<jString> cameras;
-    int claimed = 0;
-    if (!readIntroduction(reader, slaveName, claimed, cameras) || !identity.replace(slaveName, cameras)) {
-        reader.seekSet(start);
+    if (reader.remaining() > kMaxIntroductionBytes || !openRecord(reader, detail::kIntroductionCode, 0))
         return false;
-    }
+    const jString slaveName = reader.readString();
+    const int claimed = reader.readInt();
+    jVector<jString> cameras;
+    cameras.reserve(std::min(claimed, reader.remaining()), false); // a name takes one byte at least
+    for (int i = 0; i < claimed && reader.remaining() > 0; ++i)
+        cameras.push_back(reader.readString());
+    identity.replace(slaveName, cameras);
     std::printf("CamNum:%d\n", claimed);
-    for (const jString& camera : cameras) {
+    for (const jString& camera : cameras)
         std::printf("%s\n", camera.c_str());
-    }
     return true;
 }
 
-/// False for the first packet of a run that finds the queue full.
+/// False for the first packet of a run that finds no room.
 bool Client::keep(Packet& packet) {
     AtomicLock guard(&lock);
-    if (data.count >= kMostQueuedPackets || queuedBytes + packet.size > kMostQueuedBytes) {
+    if (queuedBytes + memoryFor(packet.size) > maxQueuedBytes) {
         droppedPackets = droppedPackets + 1;
         return std::exchange(dropping, true);
     }
@@ -95,7 +94,7 @@ bool Client::keep(Packet& packet) {
     entry.data = packet.data;
     entry.size = static_cast<std::int32_t>(packet.size);
     data.push_back(entry);
-    queuedBytes += packet.size;
+    queuedBytes += memoryFor(packet.size);
     packet.owned = false;
     dropping = false;
     return true;
@@ -103,12 +102,10 @@ bool Client::keep(Packet& packet) {
 
 void Client::setUser(RTUser* newUser) {
     RTUser* old = user;
-    if (newUser == old) {
+    if (newUser == old)
         return;
-    }
-    if (old) {
+    if (old)
         old->setPacketHandler(nullptr);
-    }
     user = newUser;
     if (newUser) {
         addr = newUser->getAddr();
@@ -117,21 +114,18 @@ void Client::setUser(RTUser* newUser) {
 }
 
 void Client::release() {
-    if (RTUser* old = user.exchange(nullptr)) {
+    if (RTUser* old = user.exchange(nullptr))
         old->setPacketHandler(nullptr);
-    }
 }
 
 bool Client::send(const void* bytes, int size) {
     RTUser* connection = user;
-    if (!connection) {
+    if (!connection)
         return false;
-    }
     // Held across the send: the notice of its delivery may come before the identifier is stored.
     AtomicLock guard(&lock);
-    if (!bytes || size < 1) {
+    if (!bytes || size < 1)
         return false;
-    }
     const std::uint64_t id = connection->sendAsyn(bytes, size);
     packetID = static_cast<std::int64_t>(id);
     sendOver = false;
@@ -139,9 +133,8 @@ bool Client::send(const void* bytes, int size) {
 }
 
 void Client::clearData() {
-    for (KorData& entry : data) {
+    for (KorData& entry : data)
         detail::freeBytes(entry.data, "src/Client", __LINE__, "Client::clearData");
-    }
     data.count = 0;
     queuedBytes = 0;
 }
@@ -149,9 +142,8 @@ void Client::clearData() {
 void Client::setData(const jVector<KorData>& entries) {
     data = entries;
     queuedBytes = 0;
-    for (const KorData& entry : data) {
-        queuedBytes += static_cast<std::size_t>(std::max(entry.size, 0));
-    }
+    for (const KorData& entry : data)
+        queuedBytes += memoryFor(static_cast<std::size_t>(std::max(entry.size, 0)));
 }
 
 } // namespace kor

@@ -1,19 +1,30 @@
 #include <kor/detail/ClientIdentity.h>
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
+
+#include <utility>
 
 namespace kor::detail {
 
 struct ClientIdentity::Block {
     jString name;
     jVector<jString> camNames;
-    Block* next = nullptr; // in the chain of replaced ones
+    bool read = false;     // the application may hold a reference
+    Block* next = nullptr; // in the chain of kept ones
 };
 
 namespace {
 
 const char* const kFile = "src/ClientIdentity";
+
+/// Names in replaced blocks, so that a slave that never stops introducing itself cannot fill the memory.
+constexpr int kMaxKeptNames = 16384;
+
+const jVector<jString>& noNames() {
+    static const jVector<jString> kNone;
+    return kNone;
+}
 
 } // namespace
 
@@ -22,73 +33,96 @@ ClientIdentity::ClientIdentity(const ClientIdentity& other) {
 }
 
 ClientIdentity& ClientIdentity::operator=(const ClientIdentity& other) {
-    const Block* source = other.current_.load(std::memory_order_acquire);
     if (this != &other) {
-        AtomicLock guard(&lock_);
-        publish(source ? makeTracked<Block>(kFile, __LINE__, "ClientIdentity::operator=", source->name,
-                                            source->camNames)
-                       : nullptr);
+        const Block* source = other.read();
+        replace(source ? source->name : jString::null(), source ? source->camNames : noNames());
     }
     return *this;
 }
 
 ClientIdentity::~ClientIdentity() {
-    freeChain(replaced_);
-    freeChain(current_.load(std::memory_order_acquire));
+    freeChain(current_);
+    freeChain(next_);
+    freeChain(kept_);
 }
 
 const jString& ClientIdentity::name() const {
-    const Block* block = current_.load(std::memory_order_acquire);
+    const Block* block = read();
     return block ? block->name : jString::null();
 }
 
 const jVector<jString>& ClientIdentity::camNames() const {
-    static const jVector<jString> kNone;
-    const Block* block = current_.load(std::memory_order_acquire);
-    return block ? block->camNames : kNone;
+    const Block* block = read();
+    return block ? block->camNames : noNames();
 }
 
 jString ClientIdentity::copyName() const {
     AtomicLock guard(&lock_);
-    return name();
+    return current_ ? current_->name : jString::null();
 }
 
 void ClientIdentity::setName(const jString& newName) {
-    AtomicLock guard(&lock_);
-    publish(makeTracked<Block>(kFile, __LINE__, "ClientIdentity::setName", newName, camNames()));
+    change(&newName, nullptr);
 }
 
 void ClientIdentity::setCamNames(const jVector<jString>& newCamNames) {
-    AtomicLock guard(&lock_);
-    publish(makeTracked<Block>(kFile, __LINE__, "ClientIdentity::setCamNames", name(), newCamNames));
+    change(nullptr, &newCamNames);
 }
 
-bool ClientIdentity::replace(const jString& newName, const jVector<jString>& newCamNames) {
-    AtomicLock guard(&lock_);
-    if (replacedCount_ >= kMostReplaced) {
-        return false;
+void ClientIdentity::replace(const jString& newName, const jVector<jString>& newCamNames) {
+    change(&newName, &newCamNames);
+}
+
+/// Null leaves a part as it is.
+void ClientIdentity::change(const jString* newName, const jVector<jString>* newCamNames) {
+    Block* block =
+        makeTracked<Block>(kFile, __LINE__, "ClientIdentity::change", newName ? *newName : jString::null(),
+                           newCamNames ? *newCamNames : noNames());
+    {
+        AtomicLock guard(&lock_);
+        const Block* old = next_ ? next_ : current_;
+        if (old && !newName)
+            block->name = old->name;
+        if (old && !newCamNames)
+            block->camNames = old->camNames;
+        block = install(block);
     }
-    publish(makeTracked<Block>(kFile, __LINE__, "ClientIdentity::replace", newName, newCamNames));
-    return true;
+    freeChain(block);
 }
 
 void ClientIdentity::collect() {
-    Block* chain = nullptr;
+    Block* unused = nullptr;
     {
         AtomicLock guard(&lock_);
-        chain = replaced_;
-        replaced_ = nullptr;
-        replacedCount_ = 0;
+        unused = std::exchange(kept_, nullptr);
+        keptNames_ = 0;
+        if (next_) {
+            current_->next = unused;
+            unused = std::exchange(current_, std::exchange(next_, nullptr));
+        }
+        if (current_)
+            current_->read = false;
     }
-    freeChain(chain);
+    freeChain(unused);
 }
 
-void ClientIdentity::publish(Block* block) {
-    if (Block* old = current_.exchange(block, std::memory_order_acq_rel)) {
-        old->next = replaced_;
-        replaced_ = old;
-        ++replacedCount_;
-    }
+const ClientIdentity::Block* ClientIdentity::read() const {
+    AtomicLock guard(&lock_);
+    if (current_)
+        current_->read = true;
+    return current_;
+}
+
+/// Hold the lock. Returns the block that nobody needs any more, to be freed without the lock.
+ClientIdentity::Block* ClientIdentity::install(Block* block) {
+    if (!current_ || !current_->read)
+        return std::exchange(current_, block);
+    if (keptNames_ >= kMaxKeptNames)
+        return std::exchange(next_, block);
+    keptNames_ += 1 + current_->camNames.count;
+    current_->next = kept_;
+    kept_ = std::exchange(current_, block);
+    return nullptr;
 }
 
 void ClientIdentity::freeChain(Block* block) {

@@ -1,29 +1,37 @@
 #include "src/ClientRecords.h"
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
 
 #include <algorithm>
 
 namespace kor::detail {
 
+namespace {
+
+void freeRecord(Client* client) {
+    client->clearData();
+    freeTracked(client, "src/KorServer", __LINE__, "KorServer::remove_client_by_addr");
+}
+
+} // namespace
+
 ClientRecords::~ClientRecords() {
-    freeAll(listed_);
-    freeAll(retired_);
-    freeAll(leaving_);
+    std::for_each(listed_.begin(), listed_.end(), freeRecord);
+    std::for_each(retired_.begin(), retired_.end(), freeRecord);
 }
 
 Client* ClientRecords::make() {
     Client* client = makeTracked<Client>("src/KorServer", __LINE__, "KorServer::onConnect");
     listed_.push_back(client);
+    fresh_ = client;
     return client;
 }
 
 void ClientRecords::retire(Client* client) {
     Client** found = std::find(listed_.begin(), listed_.end(), client);
-    if (found == listed_.end()) {
+    if (found == listed_.end())
         return;
-    }
     *found = listed_[listed_.count - 1];
     --listed_.count;
     retired_.push_back(client);
@@ -35,25 +43,14 @@ void ClientRecords::retire(Client* client) {
 }
 
 void ClientRecords::collect() {
-    jVector<Client*> held;
-    for (int i = 0; i < leaving_.count; ++i) {
-        if (leaving_[i]->held) {
-            held.push_back(leaving_[i]);
-            leaving_[i--] = leaving_[--leaving_.count];
-        }
-    }
-    freeAll(leaving_);
-    leaving_.push_back(held);
-    leaving_.push_back(retired_);
-    retired_.count = 0;
-}
-
-void ClientRecords::freeAll(jVector<Client*>& clients) {
-    for (Client* client : clients) {
-        client->clearData();
-        freeTracked(client, "src/KorServer", __LINE__, "KorServer::remove_client_by_addr");
-    }
-    clients.count = 0;
+    Client* const fresh = fresh_;
+    int kept = 0;
+    for (Client* client : retired_)
+        if (client == fresh)
+            retired_[kept++] = client;
+        else
+            freeRecord(client);
+    retired_.count = kept;
 }
 
 } // namespace kor::detail

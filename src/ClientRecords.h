@@ -5,11 +5,10 @@
 
 namespace kor::detail {
 
-/// Owns the records of an endpoint, listed or on their way out.
+/// Owns the records of an endpoint, listed or retired.
 ///
-/// The connection layer's thread removes a record while the application may still be reading it, so a removed
-/// one is kept until the application has passed through two calls of `collect`: at the second nobody who
-/// looks the record up afresh each frame can hold it any more. The owner guards it with the endpoint's lock.
+/// Other threads retire a record while the application may still be reading it; `collect`, which only the
+/// application's own wait calls, frees it. Hold the endpoint's lock, but for `fresh` and `settle`.
 class ClientRecords {
 public:
     ClientRecords() = default;
@@ -17,21 +16,24 @@ public:
     ClientRecords& operator=(const ClientRecords&) = delete;
     ~ClientRecords();
 
+    /// Makes a record. It is not freed before `settle`, even when it is retired at once.
     Client* make();
 
-    /// Detaches a record, frees its received packets and frees it later. One that is not listed is left
-    /// alone.
+    /// The record made last, null after `settle`. Both belong to the thread that makes the records.
+    Client* fresh() const { return fresh_; }
+    void settle() { fresh_ = nullptr; }
+
+    /// Detaches a record, frees its received packets and leaves its memory to `collect`. One that is not
+    /// listed is left alone.
     void retire(Client* client);
 
-    /// Frees what was retired before the last call and is not held by a registry.
+    /// Frees the retired records. Nobody may point at one any more.
     void collect();
 
 private:
-    static void freeAll(jVector<Client*>& clients);
-
     jVector<Client*> listed_;
-    jVector<Client*> retired_; // since the last collect
-    jVector<Client*> leaving_; // since the one before
+    jVector<Client*> retired_;
+    SharedValue<Client*> fresh_{nullptr};
 };
 
 } // namespace kor::detail

@@ -1,8 +1,8 @@
 #include <kor/KorClient.h>
 
-#include "src/BlockLimit.h"
+#include "src/BlockMemory.h"
 #include "src/Numbers.h"
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
 #include <support/jLog.h>
 #include <support/RTNet.h>
@@ -24,26 +24,16 @@ KorClient* instance = nullptr;
 
 std::size_t introductionBytes(const jString& name, const jVector<jString>& camNames) {
     std::size_t bytes = 10 + std::strlen(name.c_str()) + 1;
-    for (const jString& camera : camNames) {
+    for (const jString& camera : camNames)
         bytes += std::strlen(camera.c_str()) + 1;
-    }
     return bytes;
-}
-
-bool isPort(const char* what, int port) {
-    if (port >= 0 && port <= 65535) {
-        return true;
-    }
-    jLog::error("%s:%s port %d is outside 0 to 65535", "KorClient::init", what, port);
-    return false;
 }
 
 } // namespace
 
 KorClient* KorClient::get() {
-    if (!instance) {
+    if (!instance)
         instance = new (instanceStorage) KorClient;
-    }
     return instance;
 }
 
@@ -68,9 +58,6 @@ KorClient::~KorClient() {
 
 bool KorClient::init(int broadcastRecvPort, int bindPort, const jString& newName,
                      const jVector<jString>& newCamNames) {
-    if (!isPort("broadcast receive", broadcastRecvPort) || !isPort("bind", bindPort)) {
-        return false;
-    }
     const std::size_t bytes = introductionBytes(newName, newCamNames);
     if (bytes > kMaxIntroductionBytes) {
         jLog::error("%s:introduction of %zu bytes is over the limit of %d bytes, shorten the names",
@@ -83,7 +70,7 @@ bool KorClient::init(int broadcastRecvPort, int bindPort, const jString& newName
         free_socket();
         return false;
     }
-    set_reconnect_flag();
+    listen();
     if (!open_connection_layer(bindPort)) {
         free_socket();
         return false;
@@ -91,17 +78,15 @@ bool KorClient::init(int broadcastRecvPort, int bindPort, const jString& newName
     name = newName;
     camNames = newCamNames;
     jLog::message("broadcast_recv_port[%d],bind_port[%d],name:%s", broadcastRecvPort, bindPort, name.c_str());
-    for (const jString& camera : camNames) {
+    for (const jString& camera : camNames)
         jLog::message("-->camera:%s", camera.c_str());
-    }
     return true;
 }
 
 bool KorClient::open_broadcast_socket(int port) {
     broadcastSocket = detail::makeTracked<SocketUDP>(kFile, __LINE__, "KorClient::init");
-    if (!broadcastSocket->create()) {
+    if (!broadcastSocket->create())
         return false;
-    }
     if (!broadcastSocket->bind(port)) {
         jLog::error("%s:broadcast can not bind to port:%d", "KorClient::init", port);
         return false;
@@ -111,9 +96,8 @@ bool KorClient::open_broadcast_socket(int port) {
 
 bool KorClient::open_connection_layer(int port) {
     net = detail::makeTracked<RTNet>(kFile, __LINE__, "KorClient::init");
-    if (net->init(static_cast<unsigned short>(port))) {
+    if (net->init(static_cast<unsigned short>(port)))
         return true;
-    }
     jLog::error("%s:can not init RTNet with port:%d", "KorClient::init", port);
     net->release();
     detail::freeTracked(net, kFile, __LINE__, "KorClient::init");
@@ -122,17 +106,13 @@ bool KorClient::open_connection_layer(int port) {
 }
 
 void KorClient::release() {
-    // The connection layer's thread may be waiting for the lock in an event, so it is stopped before the lock
-    // is taken.
-    if (net) {
+    // The connection layer's thread may wait for the lock in an event, so it is stopped first.
+    if (net)
         net->setUserHandler(nullptr);
-    }
-    if (RTUser* master = user.exchange(nullptr)) {
+    if (RTUser* master = user.exchange(nullptr))
         master->setPacketHandler(nullptr);
-    }
-    if (net) {
+    if (net)
         net->release();
-    }
     AtomicLock guard(&lock);
     free_socket();
     free_net();
@@ -154,16 +134,14 @@ void KorClient::free_net() {
 }
 
 void KorClient::wait(double timeout) {
-    if (!net) {
+    if (!net)
         return;
-    }
     if (discovering()) {
         check_connect();
         return;
     }
-    if (!wait_for_data(detail::toFloat(timeout)) && timeout > 0) {
+    if (!wait_for_data(detail::toFloat(timeout)) && timeout > 0)
         jLog::warning("wait too long time");
-    }
 }
 
 bool KorClient::wait_for_data(float timeout) {
@@ -172,17 +150,15 @@ bool KorClient::wait_for_data(float timeout) {
     waitTime = 0;
     while (dataList.empty()) {
         waitTime += stopwatch.getElapsed();
-        if (!(waitTime <= static_cast<double>(timeout))) {
+        if (!(waitTime <= static_cast<double>(timeout)))
             return false;
-        }
     }
     return true;
 }
 
 void KorClient::clearData() {
-    for (KorData& block : dataList) {
+    for (KorData& block : dataList)
         detail::freeBytes(block.data, kFile, __LINE__, "KorClient::clearData");
-    }
     dataList.release();
 }
 
@@ -194,7 +170,7 @@ std::int64_t KorClient::sendAsyn(const void* data, int size) {
 void KorClient::setData(const jList<KorData>& entries) {
     dataList = entries;
     countWhenFull = -1;
-    queuedBytes = detail::bytesIn(dataList);
+    queuedBytes = detail::memoryOf(dataList);
 }
 
 const jString& KorClient::getName() const {

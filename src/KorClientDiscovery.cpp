@@ -20,7 +20,7 @@ namespace {
 constexpr int kAttemptMilliseconds = 1000;
 constexpr int kAttempts = 3;
 constexpr int kOpenBuffer = 1024;
-constexpr int kMostDrained = 4096; // a sender that never pauses must not keep us here
+constexpr int kMaxDrained = 4096; // a sender that never pauses must not keep us here
 
 } // namespace
 
@@ -32,15 +32,13 @@ bool KorClient::discovering() const {
 void KorClient::check_connect() {
     char buffer[64];
     const int size = try_read_broadcast_frame(buffer, sizeof(buffer));
-    if (size <= 0) {
+    if (size <= 0)
         return;
-    }
     BufferReader reader(buffer, static_cast<std::uint32_t>(size));
     int dataPort = 0;
     int frame = 0;
-    if (KorMsg::decodeBroadcast(reader, dataPort, frame)) {
+    if (KorMsg::decodeBroadcast(reader, dataPort, frame))
         start_connection(dataPort);
-    }
 }
 
 void KorClient::start_connection(int dataPort) {
@@ -72,13 +70,11 @@ int KorClient::try_read_broadcast_frame(char* buffer, int size) {
             count = broadcastSocket->read(buffer, 1, size);
             announcer = broadcastSocket->getRecvIP();
         }
-        if (count > 0) {
+        if (count > 0)
             break;
-        }
         jKit::sleep(1);
-        if (!(remaining > 0)) {
+        if (!(remaining > 0))
             break;
-        }
     }
     stopwatch.stop();
     return count;
@@ -91,30 +87,46 @@ void KorClient::clear_udp_recv_buffer() {
 
 void KorClient::drop_queued_datagrams() {
     char buffer[1024];
-    for (int i = 0;
-         i < kMostDrained && broadcastSocket && broadcastSocket->read(buffer, 1, sizeof(buffer)) > 0; ++i) {
-    }
+    int drained = 0;
+    while (drained < kMaxDrained && broadcastSocket && broadcastSocket->read(buffer, 1, sizeof(buffer)) > 0)
+        ++drained;
 }
 
-void KorClient::set_reconnect_flag() {
-    if (RTUser* master = user.exchange(nullptr)) {
+/// Forgets the master and searches again. False, and nothing happens, for a foreign address.
+bool KorClient::set_reconnect_flag(const RTAddr& addr) {
+    {
+        AtomicLock guard(&discoveryLock); // or a master that is heard in between would be forgotten
+        if (another_is_master(addr))
+            return false;
+        listen();
+    }
+    if (RTUser* master = user.exchange(nullptr))
         master->setPacketHandler(nullptr);
-    }
-    AtomicLock guard(&discoveryLock);
+    return true;
+}
+
+/// With discoveryLock held.
+void KorClient::listen() {
     masterIP.clear();
-    if (broadcastSocket) {
+    if (broadcastSocket)
         broadcastSocket->recv(kOpenBuffer);
-    }
+}
+
+/// With discoveryLock held.
+bool KorClient::another_is_master(const RTAddr& addr) const {
+    RTAddr master;
+    return !masterIP.empty() && !(master.set(masterIP, masterPort) && master == addr);
 }
 
 bool KorClient::is_master(const RTAddr& addr) const {
     AtomicLock guard(&discoveryLock);
-    RTAddr master;
-    return !masterIP.empty() && master.set(masterIP, masterPort) && master == addr;
+    return !masterIP.empty() && !another_is_master(addr);
 }
 
+/// Whether a master is known, and this is another address.
 bool KorClient::is_foreign(const RTAddr& addr) const {
-    return discovering() ? !connected : !is_master(addr);
+    AtomicLock guard(&discoveryLock);
+    return another_is_master(addr);
 }
 
 } // namespace kor

@@ -1,6 +1,6 @@
 #include <kor/KorClient.h>
 
-#include "src/BlockLimit.h"
+#include "src/BlockMemory.h"
 #include "src/Introduction.h"
 #include <kor/Record.h>
 #include <support/AtomicLock.h>
@@ -15,9 +15,7 @@ namespace kor {
 
 void KorClient::onConnect(const RTAddr& addr, bool established) {
     if (!established) {
-        if (!connected || is_master(addr)) {
-            set_reconnect_flag();
-        }
+        set_reconnect_flag(addr);
         return;
     }
     if (!is_master(addr)) {
@@ -31,20 +29,20 @@ void KorClient::onConnect(const RTAddr& addr, bool established) {
     clearData();
     RTUser* master = net ? net->getUserByAddr(addr) : nullptr;
     if (!master) {
-        set_reconnect_flag();
+        set_reconnect_flag(addr);
         return;
     }
     master->setPacketHandler(this);
     send_introduction(*master);
     user = master; // last, so that nothing is sent ahead of the introduction
     connected = true;
+    warnedOfFullList = false;
     emitSignal(connectSignal, addr);
 }
 
 void KorClient::onReConnect(const RTAddr& addr) {
-    if (is_foreign(addr)) {
+    if (is_foreign(addr))
         return;
-    }
     AtomicLock guard(&lock);
     clearData();
     user = nullptr;
@@ -53,24 +51,20 @@ void KorClient::onReConnect(const RTAddr& addr) {
 }
 
 void KorClient::onDisConnect(const RTAddr& addr) {
-    if (is_foreign(addr)) {
-        return;
-    }
     AtomicLock guard(&lock);
+    if (!set_reconnect_flag(addr))
+        return;
     clearData();
     connected = false;
-    set_reconnect_flag();
     emitSignal(disconnectSignal, addr);
 }
 
 void KorClient::onConnectLost(const RTAddr& addr) {
-    if (is_foreign(addr)) {
-        return;
-    }
     AtomicLock guard(&lock);
+    if (!set_reconnect_flag(addr))
+        return;
     clearData();
     connected = false;
-    set_reconnect_flag();
     clear_udp_recv_buffer();
     emitSignal(connectLostSignal, addr);
 }
@@ -81,21 +75,18 @@ void KorClient::send_introduction(RTUser& master) const {
     const int start = beginRecord(writer, detail::kIntroductionCode);
     writer.writeString(name.c_str());
     writer.writeInt(camNames.count);
-    for (const jString& camera : camNames) {
+    for (const jString& camera : camNames)
         writer.writeString(camera.c_str());
-    }
     endRecord(writer, start);
     master.sendAsyn(writer.getData(), writer.tell());
 }
 
 void KorClient::onPacket(RTUser*, Packet* packet) {
-    if (!packet->data || packet->size == 0) {
+    if (!packet->data || packet->size == 0)
         return;
-    }
     AtomicLock guard(&lock);
-    if (!admit(*packet)) {
+    if (!admit(*packet))
         return;
-    }
     KorData block;
     block.data = packet->data;
     block.size = static_cast<std::int32_t>(packet->size);
@@ -103,26 +94,26 @@ void KorClient::onPacket(RTUser*, Packet* packet) {
     packet->owned = false;
 }
 
+/// False, and counted, when the blocks take as much as they may already.
 bool KorClient::admit(const Packet& packet) {
-    const auto full = [&] {
-        return dataList.count >= detail::kMostBlocks || queuedBytes + packet.size > detail::kMostBlockBytes;
-    };
-    if (dataList.empty()) {
+    const std::uint64_t size = detail::memoryOf(packet.size);
+    const auto full = [&] { return queuedBytes + cachedBytes + size > maxBlockBytes; };
+    if (dataList.empty())
         queuedBytes = 0;
-    }
     if (full() && dataList.count != countWhenFull) {
-        queuedBytes = detail::bytesIn(dataList);
+        queuedBytes = detail::memoryOf(dataList);
         countWhenFull = dataList.count;
     }
     if (!full()) {
-        queuedBytes += packet.size;
+        queuedBytes += size;
         countWhenFull = -1;
-        dropping = false;
         return true;
     }
     droppedBlocks = droppedBlocks + 1;
-    if (!std::exchange(dropping, true)) {
-        jLog::warning("KorClient:%d blocks wait to be taken, further ones are dropped", dataList.count);
+    if (!std::exchange(warnedOfFullList, true)) {
+        jLog::warning("KorClient:%d blocks wait to be taken and are all the memory allows, further ones are "
+                      "dropped",
+                      dataList.count);
     }
     return false;
 }

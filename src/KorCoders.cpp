@@ -40,18 +40,16 @@ bool encode(BufferWriter& writer, signed char code, Fields... fields) {
 
 template <class... Fields>
 bool decode(BufferReader& reader, signed char code, Fields&... fields) {
-    if (!openRecord(reader, code, kPayloadBytes<Fields...>)) {
+    if (!openRecord(reader, code, kPayloadBytes<Fields...>))
         return false;
-    }
     (take(reader, fields), ...);
     return true;
 }
 
 template <class... Elements>
 bool writeElements(BufferWriter& writer, Elements... elements) {
-    if (writer.remaining() >= kPayloadBytes<Elements...>) {
+    if (writer.remaining() >= kPayloadBytes<Elements...>)
         (put(writer, elements), ...);
-    }
     return true;
 }
 
@@ -62,20 +60,17 @@ void readElements(BufferReader& reader, Elements&... elements) {
 
 template <class Element>
 bool writeMatrix(BufferWriter& writer, const Element (&elements)[16]) {
-    if (writer.remaining() >= static_cast<int>(sizeof(elements))) {
-        for (const Element element : elements) {
+    if (writer.remaining() >= static_cast<int>(sizeof(elements)))
+        for (const Element element : elements)
             put(writer, element);
-        }
-    }
     return true;
 }
 
 template <class Matrix>
 Matrix readMatrix(BufferReader& reader) {
     Matrix value;
-    for (auto& element : value.m) {
+    for (auto& element : value.m)
         take(reader, element);
-    }
     return value;
 }
 

@@ -1,7 +1,7 @@
 #include <kor/KorLogicClient.h>
 
 #include "src/Numbers.h"
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <kor/KorCoders.h>
 #include <support/AtomicLock.h>
 #include <support/BufferWriter.h>
@@ -76,26 +76,22 @@ void KorLogicClient::free_client() {
 }
 
 KorLogicClient::WAIT_RESULT KorLogicClient::wait(double timeout) {
-    if (!client) {
+    if (!client)
         return WAIT_NONE;
-    }
-    if (cache.empty()) {
+    if (cache.empty())
         client->wait(timeout);
-    }
     AtomicLock guard(client->getLock());
     if (clearPending) {
         on_clear();
         clearPending = false;
     }
     RTUser* master = client->getUser();
-    if (!master) {
+    if (!master)
         return WAIT_NONE;
-    }
     const double offset = master->getTimeOffset();
     Position position;
-    if (offset == kClockUnknown || !choose_position(offset, position)) {
+    if (offset == kClockUnknown || !choose_position(offset, position))
         return apply_everything();
-    }
     send_report(*master, position);
     process_data(position.earlier, position.later);
     return apply_neighbours(position);
@@ -107,9 +103,8 @@ bool KorLogicClient::choose_position(double clockOffset, Position& position) con
     position.frame = position.serverTime / frameInterval;
     const double earlier = std::floor(position.frame);
     const double later = std::ceil(position.frame);
-    if (!detail::fitsInt(earlier) || !detail::fitsInt(later)) {
+    if (!detail::fitsInt(earlier) || !detail::fitsInt(later))
         return false;
-    }
     position.earlier = static_cast<int>(earlier);
     position.later = static_cast<int>(later);
     position.weight = frameID == -1.0 ? 0.0 : std::clamp(position.frame - earlier, 0.0, 1.0);
@@ -119,9 +114,8 @@ bool KorLogicClient::choose_position(double clockOffset, Position& position) con
 /// Tells the master where this slave is, about once a second.
 void KorLogicClient::send_report(RTUser& master, const Position& position) const {
     const float nearest = std::nearbyint(static_cast<float>(position.frame)); // ties to even
-    if (std::fmod(nearest, 60.0f) != 0.0f) {
+    if (std::fmod(nearest, 60.0f) != 0.0f)
         return;
-    }
     AtomicLock guard(&reportLock);
     BufferWriter writer(reportBuffer, sizeof(reportBuffer));
     KorCoderBase::codeBegin(writer, position.later);
@@ -138,11 +132,11 @@ KorLogicClient::WAIT_RESULT KorLogicClient::apply_neighbours(const Position& pos
         frameDeadline = -1.0;
         return WAIT_NONE;
     }
-    const double due = frameDeadlineExpected + kJustBehind;
+    // What applyData has changed counts: the deadline and the ids are read behind it.
     if (!earlier) {
         applyData(later, 1.0);
         frameID = position.later;
-        frameDeadline = due;
+        frameDeadline = frameDeadlineExpected + kJustBehind;
         if (showLog) {
             jLog::message("over hit no lerp, frame_id[%d] not found, apply frame[%d], should tweak",
                           position.earlier, position.later);
@@ -151,15 +145,12 @@ KorLogicClient::WAIT_RESULT KorLogicClient::apply_neighbours(const Position& pos
     }
     if (!later) {
         applyData(earlier, 1.0);
-        frameDeadline = due;
-        if (showLog) {
+        frameDeadline = frameDeadlineExpected + kJustBehind;
+        if (showLog)
             jLog::message("hit but no lerp, frame_id[%d] not ready, should tweak", position.later);
-        }
         frameID = position.earlier;
         return WAIT_HIT;
     }
-    const double first = earlier->frameID;
-    const double distance = later->frameID - first;
     if (earlier == later || position.weight == 0.0) {
         applyData(earlier, 1.0);
     } else if (position.weight == 1.0) {
@@ -168,16 +159,16 @@ KorLogicClient::WAIT_RESULT KorLogicClient::apply_neighbours(const Position& pos
         applyData(earlier, 1.0);
         applyData(later, position.weight);
     }
-    frameDeadline = due;
-    frameID = first + distance * position.weight;
+    frameDeadline = frameDeadlineExpected + kJustBehind;
+    const double distance = static_cast<double>(later->frameID) - earlier->frameID;
+    frameID = earlier->frameID + distance * position.weight;
     return WAIT_LERP;
 }
 
 /// For as long as no frame can be chosen: whatever has come is applied in full, in order, and dropped.
 KorLogicClient::WAIT_RESULT KorLogicClient::apply_everything() {
-    for (KorData& block : client->getData()) {
+    for (KorData& block : client->getData())
         applyData(&block, 1.0);
-    }
     client->clearData();
     return WAIT_NONE;
 }
@@ -187,11 +178,13 @@ void KorLogicClient::clearState() {
     frameDeadline = 0.0;
     frameDeadlineExpected = 0.0;
     timeCheckResult = 0.0;
-    if (client) {
+    if (client)
         client->clearData();
-    }
     clearPending = true;
     clear_cache();
+    if (client)
+        client->cachedBytes = 0;
+    warnedOfFullCache = false;
 }
 
 void KorLogicClient::on_connect(const RTAddr&) {

@@ -1,6 +1,6 @@
 #include <kor/KorLogicServer.h>
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
 #include <support/jLog.h>
 
@@ -18,21 +18,20 @@ KorLogicServer::~KorLogicServer() {
     KorLogicServer::release();
     releaseSlots(slaveInitSignal);
     releaseSlots(slaveRemoveSignal);
-    free_departed();
-    for (Slave* slave : slaves) {
+    let_go();
+    for (Slave* slave : slaves)
         detail::freeTracked(slave, kFile, __LINE__, "KorLogicServer::~KorLogicServer");
-    }
     detail::freeTracked(published.load(), kFile, __LINE__, "KorLogicServer::~KorLogicServer");
 }
 
 bool KorLogicServer::init(const jString& broadcastIP, jVector<unsigned short>& broadcastSendPorts,
                           jVector<unsigned short>& broadcastBindPorts, jVector<unsigned short>& dataPorts) {
     const jString ip(broadcastIP); // the argument may belong to the endpoint that goes
-    if (server) {
+    if (server)
         release();
-    }
     forget_slaves();
     server = detail::makeTracked<KorServer>(kFile, __LINE__, "KorLogicServer::init");
+    server->letGoOfRetired = [this] { return let_go(); };
     server->setHandler(this); // first, or a slave that connects at once would be missed
     if (!server->init(ip, broadcastSendPorts, broadcastBindPorts, dataPorts)) {
         jLog::error("%s:init KorServer failed", "KorLogicServer::init");
@@ -54,20 +53,14 @@ bool KorLogicServer::init(const jString& broadcastIP, unsigned short broadcastSe
 }
 
 void KorLogicServer::release() {
-    if (!server) {
+    if (!server)
         return;
-    }
     server->release();
     {
         AtomicLock guard(&slaveLock);
-        for (const jVector<Slave*>* all : {&slaves, &departedSlaves}) {
-            for (Slave* slave : *all) {
-                if (slave->client) {
-                    slave->client->held = false;
-                }
+        for (const jVector<Slave*>* all : {&slaves, &departedSlaves})
+            for (Slave* slave : *all)
                 slave->client = nullptr; // freed with the endpoint
-            }
-        }
     }
     releaseSlots(server->clientIdleSignal);
     detail::freeTracked(server, kFile, __LINE__, "KorLogicServer::release");

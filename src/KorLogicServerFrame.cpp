@@ -29,19 +29,41 @@ void scanReport(const KorData& block, Report& report) {
         const bool known =
             KorCoderBase::decodeBegin(reader, report.frame) ||
             KorCoderBase::decodeSlaveTimeInServer(reader, report.slaveTime, report.framePosition);
-        if (!known && !skipRecord(reader)) {
+        if (!known && !skipRecord(reader))
             return;
-        }
     }
 }
 
 } // namespace
 
-int KorLogicServer::wait(double timeout) {
-    if (!server) {
-        return 0;
+/// Keeps what the lookups of this thread show as it is, while it lives. Inside another it does nothing.
+class KorLogicServer::FrameView {
+public:
+    explicit FrameView(KorLogicServer& owner) : logic(owner), outermost(!owner.in_frame()) {
+        if (!outermost)
+            return;
+        const jVector<Slave*>& shown = logic.present();
+        logic.frameSlaves = &shown;
+        logic.frameNames.reserve(shown.count, false);
+        for (int i = 0; i < shown.count; ++i)
+            logic.frameNames[i].set(name_of(*shown[i]));
+        logic.frameThread = std::this_thread::get_id();
     }
-    free_departed();
+    FrameView(const FrameView&) = delete;
+    FrameView& operator=(const FrameView&) = delete;
+    ~FrameView() {
+        if (outermost)
+            logic.frameThread = std::thread::id();
+    }
+
+private:
+    KorLogicServer& logic;
+    const bool outermost;
+};
+
+int KorLogicServer::wait(double timeout) {
+    if (!server)
+        return 0;
     check_slave();
     const int result = server->wait(timeout);
     read_reports();
@@ -55,9 +77,8 @@ void KorLogicServer::read_reports() {
         Client* client = server->getClientByIndex(i);
         AtomicLock guard(&client->getLock());
         Report report;
-        for (const KorData& block : client->getData()) {
+        for (const KorData& block : client->getData())
             scanReport(block, report);
-        }
         if (report.frame != -1) {
             client->setIDCheck(report.framePosition);
             client->setTimeCheck(report.slaveTime);
@@ -75,6 +96,7 @@ bool KorLogicServer::swap() {
     wait(static_cast<double>(waitTime));
     const double waited = jTimer::getTimeSecond();
     profileName(detail::toFloat((waited - start) * 1000.0), kWait, vec4_red);
+    const FrameView view(*this);
 
     int target = -1;
     bool advance = next_frame(target);
@@ -86,9 +108,8 @@ bool KorLogicServer::swap() {
         } else {
             const double spinStart = jTimer::getTimeSecond();
             double now = spinStart;
-            while (targetTime >= now) {
+            while (targetTime >= now)
                 now = jTimer::getTimeSecond();
-            }
             profileName(detail::toFloat((now - spinStart) * 1000.0), kIdle, vec4_yellow);
             profileName(detail::toFloat(1.0 / (now - swapTime)), kFps, vec4_one);
         }
@@ -106,13 +127,11 @@ bool KorLogicServer::swap() {
 /// The frame whose boundary is nearest to one interval after the last swap. False when there was none, or
 /// when the interval gives no frame within 32 bits.
 bool KorLogicServer::next_frame(int& target) const {
-    if (!(swapTime > 0.0) || !(frameInterval > 0.0)) {
+    if (!(swapTime > 0.0) || !(frameInterval > 0.0))
         return false;
-    }
     const double frame = std::round((frameInterval + swapTime) / frameInterval);
-    if (!detail::fitsInt(frame)) {
+    if (!detail::fitsInt(frame))
         return false;
-    }
     target = static_cast<int>(frame);
     return true;
 }

@@ -1,11 +1,10 @@
 #include <kor/KorLogicServer.h>
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
 #include <support/jLog.h>
 
 #include <algorithm>
-#include <optional>
 
 namespace kor {
 
@@ -16,24 +15,15 @@ const char* const kFile = "src/KorLogicServer";
 } // namespace
 
 void KorLogicServer::onConnect(const RTAddr& addr, bool established) {
-    if (!established) {
+    if (!established)
         return;
-    }
-    // With the endpoint's lock its record cannot go between the lookup and the entry in the registry.
-    std::optional<AtomicLock> endpoint;
-    if (server) {
-        endpoint.emplace(server->getLock());
-    }
     AtomicLock guard(&slaveLock);
     if (remove_slave(addr)) {
         jLog::message("%s:[%s] re connect, remove old ", "KorLogicServer::onConnect",
                       addr.formatString().c_str());
     }
     auto* slave = detail::makeTracked<Slave>(kFile, __LINE__, "KorLogicServer::onConnect");
-    slave->client = server ? server->getClientByAddr(addr) : nullptr;
-    if (slave->client) {
-        slave->client->held = true;
-    }
+    slave->client = server ? server->connected_client(addr) : nullptr;
     slave->addr = addr;
     slaves.push_back(slave);
     publish_slaves();
@@ -73,9 +63,8 @@ bool KorLogicServer::remove_slave(const RTAddr& addr) {
         return std::find_if(slaves.begin(), slaves.end(),
                             [&](const Slave* slave) { return slave->addr == addr; });
     };
-    if (found() == slaves.end()) {
+    if (found() == slaves.end())
         return false;
-    }
     emitSignal(slaveRemoveSignal, addr);
     Slave** place = found();
     departedSlaves.push_back(*place);
@@ -89,21 +78,14 @@ void KorLogicServer::check_slave() {
     AtomicLock guard(&slaveLock);
     for (Slave* slave : slaves) {
         Client* client = slave->client;
-        if (slave->isInit || !client || client->retired || !client->isInit()) {
+        if (slave->isInit || !client || client->retired || !client->isInit())
             continue;
-        }
         const jVector<jString>& names = client->getCamNames();
-        if (names.empty()) {
+        if (names.empty())
             continue;
-        }
-        slave->cameras.reserve(names.count, false);
-        slave->cameras.count = names.count;
-        for (int i = 0; i < names.count; ++i) {
-            if (!names[i].empty()) {
-                slave->cameras[i].index = i;
-                slave->cameras[i].name = names[i];
-            }
-        }
+        slave->cameras.count = 0;
+        for (int i = 0; i < names.count; ++i)
+            slave->cameras.push_back(names[i].empty() ? SlaveCamera{} : SlaveCamera{i, names[i]});
         slave->isInit = true;
         jLog::message("%s:[%s] new client init, total:%d", "KorLogicServer::check_slave",
                       slave->addr.formatString().c_str(), slaves.count);
@@ -124,20 +106,20 @@ int KorLogicServer::getNumSlaves() const {
 }
 
 KorLogicServer::Slave* KorLogicServer::getSlave(const jString& name) {
-    for (Slave* slave : listed()) {
-        if (slave->client && !slave->client->retired && slave->client->getName() == name) {
-            return slave;
-        }
+    const bool inFrame = in_frame();
+    const jVector<Slave*>& all = listed();
+    for (int i = 0; i < all.count; ++i) {
+        const jString* known = inFrame ? frameNames[i].get() : name_of(*all[i]);
+        if (known && *known == name)
+            return all[i];
     }
     return nullptr;
 }
 
 KorLogicServer::Slave* KorLogicServer::getSlave(const RTAddr& addr) {
-    for (Slave* slave : listed()) {
-        if (slave->addr == addr) {
+    for (Slave* slave : listed())
+        if (slave->addr == addr)
             return slave;
-        }
-    }
     return nullptr;
 }
 
@@ -146,47 +128,53 @@ KorLogicServer::Slave* KorLogicServer::getSlave(int index) {
     return index >= 0 && index < all.count ? all[index] : nullptr;
 }
 
-const jVector<KorLogicServer::Slave*>& KorLogicServer::listed() const {
+/// Null when the endpoint has no record of the slave any more.
+const jString* KorLogicServer::name_of(const Slave& slave) {
+    return slave.client && !slave.client->retired ? &slave.client->getName() : nullptr;
+}
+
+const jVector<KorLogicServer::Slave*>& KorLogicServer::present() const {
     static const jVector<Slave*> kNone;
     const jVector<Slave*>* list = published.load(std::memory_order_acquire);
     return list ? *list : kNone;
 }
 
-/// Makes the registry of this moment what the lookups see. The list before stays for those who are reading
-/// it.
-void KorLogicServer::publish_slaves() {
-    if (std::ranges::equal(slaves, listed())) {
-        return;
-    }
-    auto* list = detail::makeTracked<jVector<Slave*>>(kFile, __LINE__, "KorLogicServer::publish_slaves");
-    *list = slaves;
-    if (const jVector<Slave*>* old = published.exchange(list, std::memory_order_acq_rel)) {
-        departedLists.push_back(old);
-    }
+/// What the lookups of this thread show.
+const jVector<KorLogicServer::Slave*>& KorLogicServer::listed() const {
+    return in_frame() ? *frameSlaves : present();
 }
 
-/// Frees what has left the registry. Only for the thread of the lookups, which thereby gives up its pointers.
-void KorLogicServer::free_departed() {
+bool KorLogicServer::in_frame() const {
+    return frameThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
+/// Makes the registry of this moment the present one. The list before stays for those who are reading it.
+void KorLogicServer::publish_slaves() {
+    if (std::ranges::equal(slaves, present()))
+        return;
+    auto* list = detail::makeTracked<jVector<Slave*>>(kFile, __LINE__, "KorLogicServer::publish_slaves");
+    *list = slaves;
+    if (const jVector<Slave*>* old = published.exchange(list, std::memory_order_acq_rel))
+        departedLists.push_back(old);
+}
+
+/// Frees what has left the registry, and takes away its pointers to records that the endpoint is about to
+/// free. Does nothing and returns false during a frame, which may show them still.
+bool KorLogicServer::let_go() {
+    if (frameThread.load() != std::thread::id())
+        return false;
     AtomicLock guard(&slaveLock);
-    for (Slave* slave : slaves) {
-        if (slave->client && slave->client->retired) {
-            slave->client->held = false;
+    for (Slave* slave : slaves)
+        if (slave->client && slave->client->retired)
             slave->client = nullptr;
-        }
-    }
     publish_slaves();
-    for (const jVector<Slave*>* list : departedLists) {
-        detail::freeTracked(list, kFile, __LINE__, "KorLogicServer::free_departed");
-    }
+    for (const jVector<Slave*>* list : departedLists)
+        detail::freeTracked(list, kFile, __LINE__, "KorLogicServer::let_go");
     departedLists.count = 0;
-    for (Slave* slave : departedSlaves) {
-        const auto sameClient = [&](const Slave* other) { return other->client == slave->client; };
-        if (slave->client && std::none_of(slaves.begin(), slaves.end(), sameClient)) {
-            slave->client->held = false;
-        }
+    for (Slave* slave : departedSlaves)
         detail::freeTracked(slave, kFile, __LINE__, "KorLogicServer::remove_slave");
-    }
     departedSlaves.count = 0;
+    return true;
 }
 
 /// Empties the registry of slaves of an endpoint that is gone.
@@ -194,9 +182,8 @@ void KorLogicServer::forget_slaves() {
     AtomicLock guard(&slaveLock);
     for (int left = slaves.count; left > 0; --left) {
         const RTAddr addr = slaves[0]->addr;
-        if (!remove_slave(addr) || slaves.empty()) {
+        if (!remove_slave(addr) || slaves.empty())
             break;
-        }
     }
     publish_slaves();
 }

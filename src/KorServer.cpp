@@ -1,7 +1,7 @@
 #include <kor/KorServer.h>
 
 #include "src/ClientRecords.h"
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <kor/KorCoders.h>
 #include <support/AtomicLock.h>
 #include <support/BufferWriter.h>
@@ -24,9 +24,8 @@ KorServer* instance = nullptr;
 } // namespace
 
 KorServer* KorServer::get() {
-    if (!instance) {
+    if (!instance)
         instance = new (instanceStorage) KorServer;
-    }
     return instance;
 }
 
@@ -61,15 +60,15 @@ bool KorServer::init(const jString& ip, jVector<unsigned short>& sendPorts,
     }
     release();
     forget_clients();
-    for (int i = 0; i < bindPorts.count && open_announcement(ip, sendPorts[i], bindPorts[i]); ++i) {
-    }
+    for (int i = 0; i < bindPorts.count; ++i)
+        if (!open_announcement(ip, sendPorts[i], bindPorts[i]))
+            break;
     broadcastIP = ip;
     ports = dataPorts;
     net = detail::makeTracked<RTNet>(kFile, __LINE__, "KorServer::init");
     net->setUserHandler(this); // first, or a slave that connects at once would be missed
-    if (net->init(ports)) {
+    if (net->init(ports))
         ports = net->getLocalPorts(); // a port 0 has become a real one, to be announced
-    }
     return true;
 }
 
@@ -105,9 +104,8 @@ void KorServer::release() {
         // Without events the list stays as it is, so that the records can be detached without the lock, which
         // their handlers' thread may be waiting for.
         net->setUserHandler(nullptr);
-        for (Client* client : clients) {
+        for (Client* client : clients)
             client->release();
-        }
     }
     for (SocketUDP* socket : announcementSockets) {
         socket->release();
@@ -123,12 +121,13 @@ void KorServer::release() {
 
 int KorServer::wait(double) {
     AtomicLock guard(&lock);
-    for (Client* client : clients) {
+    for (Client* client : clients)
         client->setWaitTime(0);
-        client->identity.collect();
-    }
-    if (records) {
-        records->collect();
+    if (!letGoOfRetired || letGoOfRetired()) {
+        for (Client* client : clients)
+            client->identity.collect();
+        if (records)
+            records->collect();
     }
     broadcast_connect();
     return 0;
@@ -139,22 +138,18 @@ void KorServer::broadcast_connect() {
         unsigned char buffer[64];
         BufferWriter writer(buffer, sizeof(buffer));
         KorMsg::codeBroadcast(writer, ports[i], frameID);
-        if (announcementSockets[i]->write(writer.getData(), 1, writer.tell()) < 1) {
+        if (announcementSockets[i]->write(writer.getData(), 1, writer.tell()) < 1)
             jLog::error("%s:send failed", "KorServer::broadcast_connect");
-        }
     }
 }
 
 bool KorServer::send(const void* data, int size) {
     AtomicLock guard(&lock);
-    if (clients.empty()) {
+    if (clients.empty())
         return false;
-    }
-    for (Client* client : clients) {
-        if (!client->send(data, size)) {
+    for (Client* client : clients)
+        if (!client->send(data, size))
             jLog::error("[%s] send failed", client->getName().c_str());
-        }
-    }
     return true;
 }
 
@@ -169,11 +164,18 @@ Client* KorServer::getClientByIndex(int index) const {
 Client* KorServer::getClientByAddr(const RTAddr& addr) const {
     for (Client* client : clients) {
         const RTUser* user = client->getUser();
-        if (user && user->getAddr() == addr) {
+        if (user && user->getAddr() == addr)
             return client;
-        }
     }
     return nullptr;
+}
+
+/// As `getClientByAddr`, but for the handler's `onConnect`, without the lock: the record that it is told of.
+Client* KorServer::connected_client(const RTAddr& addr) const {
+    Client* made = records ? records->fresh() : nullptr;
+    if (!made || made->getAddr() != addr)
+        return getClientByAddr(addr);
+    return made->getUser() && !made->retired ? made : nullptr;
 }
 
 bool KorServer::removeClientByAddr(const RTAddr& addr) {
@@ -181,18 +183,15 @@ bool KorServer::removeClientByAddr(const RTAddr& addr) {
 }
 
 bool KorServer::isClientsSendOver() const {
-    for (Client* client : clients) {
-        if (client->getState() != KOR_CLIENT_STATE_INACTIVE && !client->isSendOver()) {
+    for (Client* client : clients)
+        if (client->getState() != KOR_CLIENT_STATE_INACTIVE && !client->isSendOver())
             return false;
-        }
-    }
     return true;
 }
 
 void KorServer::clearClientsSendOver() {
-    for (Client* client : clients) {
+    for (Client* client : clients)
         client->setSendOver(false);
-    }
 }
 
 void KorServer::printStatistics() const {

@@ -1,7 +1,7 @@
 #include <kor/KorServer.h>
 
 #include "src/ClientRecords.h"
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <support/AtomicLock.h>
 #include <support/jLog.h>
 #include <support/RTNet.h>
@@ -19,14 +19,14 @@ void KorServer::onConnect(const RTAddr& addr, bool established) {
         }
         Client* client = ownRecords().make();
         client->setAddr(addr);
-        if (RTUser* user = net ? net->getUserByAddr(addr) : nullptr) {
+        if (RTUser* user = net ? net->getUserByAddr(addr) : nullptr)
             client->setUser(user);
-        }
         clients.push_back(client);
     }
-    if (KorServerHandler* receiver = handler) {
+    if (KorServerHandler* receiver = handler)
         receiver->onConnect(addr, established);
-    }
+    if (established)
+        records->settle();
 }
 
 void KorServer::onReConnect(const RTAddr& addr) {
@@ -35,9 +35,8 @@ void KorServer::onReConnect(const RTAddr& addr) {
         jLog::message("%s:[%s] re connect, remove old ", "KorServer::onReConnect",
                       addr.formatString().c_str());
     }
-    if (KorServerHandler* receiver = handler) {
+    if (KorServerHandler* receiver = handler)
         receiver->onReConnect(addr);
-    }
 }
 
 void KorServer::onDisConnect(const RTAddr& addr) {
@@ -46,9 +45,8 @@ void KorServer::onDisConnect(const RTAddr& addr) {
         jLog::message("%s:[%s] disconnect, remove it ", "KorServer::onDisConnect",
                       addr.formatString().c_str());
     }
-    if (KorServerHandler* receiver = handler) {
+    if (KorServerHandler* receiver = handler)
         receiver->onDisConnect(addr);
-    }
 }
 
 void KorServer::onConnectLost(const RTAddr& addr) {
@@ -60,9 +58,8 @@ void KorServer::onConnectLost(const RTAddr& addr) {
         jLog::error("%s:[%s] remove failed when connect lost", "KorServer::onConnectLost",
                     addr.formatString().c_str());
     }
-    if (KorServerHandler* receiver = handler) {
+    if (KorServerHandler* receiver = handler)
         receiver->onConnectLost(addr);
-    }
 }
 
 bool KorServer::remove_client_by_addr(const RTAddr& addr) {
@@ -71,7 +68,6 @@ bool KorServer::remove_client_by_addr(const RTAddr& addr) {
         if (client->getAddr() == addr) {
             clients[i] = clients[clients.count - 1];
             --clients.count;
-            client->release();
             ownRecords().retire(client);
             return true;
         }
@@ -80,16 +76,16 @@ bool KorServer::remove_client_by_addr(const RTAddr& addr) {
 }
 
 void KorServer::forget_clients() {
-    for (Client* client : clients) {
+    for (Client* client : clients)
         ownRecords().retire(client);
-    }
     clients.count = 0;
 }
 
 detail::ClientRecords& KorServer::ownRecords() {
     if (!records) {
-        records =
-            std::allocate_shared<detail::ClientRecords>(detail::TrackedAllocator<detail::ClientRecords>());
+        using Allocator =
+            detail::TrackedAllocator<detail::ClientRecords, "src/KorServerEvents", "KorServer::ownRecords">;
+        records = std::allocate_shared<detail::ClientRecords>(Allocator());
     }
     return *records;
 }

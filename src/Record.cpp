@@ -14,9 +14,8 @@ int beginRecord(BufferWriter& writer, signed char code) {
 
 void endRecord(BufferWriter& writer, int start) {
     const int end = writer.tell();
-    if (start < 0 || end - start < kRecordHeaderBytes) {
+    if (start < 0 || end - start < kRecordHeaderBytes)
         return;
-    }
     writer.seekSet(start + 1);
     writer.writeInt(end - start);
     writer.seekSet(end);
@@ -26,9 +25,8 @@ bool openRecord(BufferReader& reader, signed char code, int payloadBytes) {
     const int start = reader.position;
     if (reader.readChar() == code) {
         reader.readInt();
-        if (reader.readUChar() == kRecordVersion && reader.remaining() >= payloadBytes) {
+        if (reader.readUChar() == kRecordVersion && reader.remaining() >= payloadBytes)
             return true;
-        }
     }
     reader.position = start;
     return false;

@@ -35,6 +35,9 @@ constexpr std::size_t kPagedBytes = 64u << 10;
 /// As `jAllocator::localAlloc`, but null when the system has no memory: for sizes that a peer decides on.
 void* tryAllocate(std::size_t size);
 
+/// The same, but throws `std::bad_alloc`.
+void* allocateOrThrow(std::size_t size);
+
 /// Takes a block out of the books. False when it was not in them.
 bool untrack(BlockHeader& header);
 

@@ -18,9 +18,8 @@ constexpr const char* kFile = "support/BufferReader";
 template <class Unsigned>
 Unsigned fromLittleEndian(const unsigned char* bytes) {
     Unsigned value = 0;
-    for (std::size_t i = 0; bytes && i < sizeof(Unsigned); ++i) {
+    for (std::size_t i = 0; bytes && i < sizeof(Unsigned); ++i)
         value |= static_cast<Unsigned>(bytes[i]) << (8 * i);
-    }
     return value;
 }
 
@@ -37,9 +36,8 @@ BufferReader::~BufferReader() {
 }
 
 bool BufferReader::seekSet(int newPosition) {
-    if (newPosition < 0 || newPosition > size_) {
+    if (newPosition < 0 || newPosition > size_)
         return false;
-    }
     position = newPosition;
     return true;
 }
@@ -73,9 +71,8 @@ const char* BufferReader::readString() {
     freeText();
     const int length = remaining();
     const unsigned char* text = take(length);
-    if (length == 0) {
+    if (length == 0)
         return "";
-    }
     const auto size = static_cast<std::size_t>(length);
     if (const void* end = std::memchr(text, 0, size)) {
         position -= length - static_cast<int>(static_cast<const unsigned char*>(end) - text) - 1;
@@ -90,12 +87,10 @@ const char* BufferReader::readString() {
 
 bool BufferReader::readBytes(void* bytes, int size) {
     const unsigned char* source = take(size);
-    if (!source) {
+    if (!source)
         return false;
-    }
-    if (size > 0) {
+    if (size > 0)
         std::memcpy(bytes, source, static_cast<std::size_t>(size));
-    }
     return true;
 }
 

@@ -15,9 +15,8 @@ namespace {
 template <class Unsigned>
 std::array<unsigned char, sizeof(Unsigned)> littleEndian(Unsigned value) {
     std::array<unsigned char, sizeof(Unsigned)> bytes;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
+    for (std::size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
     return bytes;
 }
 
@@ -30,9 +29,8 @@ BufferWriter::BufferWriter(void* block, int capacity)
     : block_(static_cast<unsigned char*>(block)), capacity_(block ? std::max(capacity, 0) : 0) {}
 
 void BufferWriter::seekSet(int position) {
-    if (position >= 0 && position <= capacity_) {
+    if (position >= 0 && position <= capacity_)
         position_ = position;
-    }
 }
 
 bool BufferWriter::writeChar(signed char value) {
@@ -62,9 +60,8 @@ bool BufferWriter::writeString(const char* text) {
 }
 
 bool BufferWriter::writeBytes(const void* bytes, int size) {
-    if (size < 0 || size > remaining() || (size > 0 && !bytes)) {
+    if (size < 0 || size > remaining() || (size > 0 && !bytes))
         return false;
-    }
     if (size > 0) {
         std::memcpy(block_ + position_, bytes, static_cast<std::size_t>(size));
         position_ += size;

@@ -13,9 +13,8 @@ constexpr std::array<std::uint64_t, 256> makeTable() {
     std::array<std::uint64_t, 256> table{};
     for (std::size_t byte = 0; byte < table.size(); ++byte) {
         std::uint64_t crc = byte;
-        for (int bit = 0; bit < 8; ++bit) {
+        for (int bit = 0; bit < 8; ++bit)
             crc = (crc & 1) != 0 ? (crc >> 1) ^ kPolynomial : crc >> 1;
-        }
         table[byte] = crc;
     }
     return table;
@@ -28,9 +27,8 @@ constexpr std::array<std::uint64_t, 256> kTable = makeTable();
 std::int64_t CRC::c64(const void* data, int length) {
     const auto* bytes = static_cast<const unsigned char*>(data);
     std::uint64_t crc = ~std::uint64_t{0};
-    for (int i = 0; bytes && i < length; ++i) {
+    for (int i = 0; bytes && i < length; ++i)
         crc = kTable[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
-    }
     return static_cast<std::int64_t>(~crc);
 }
 

@@ -28,9 +28,8 @@ public:
 
     /// Null when the slot is empty, at the cost of one atomic load.
     std::shared_ptr<Handler> get() const {
-        if (!present_.load(std::memory_order_relaxed)) {
+        if (!present_.load(std::memory_order_relaxed))
             return nullptr;
-        }
         const std::lock_guard guard(mutex_);
         return current_;
     }

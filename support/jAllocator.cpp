@@ -26,8 +26,8 @@ void allocationFailed(std::size_t size) {
 // as counted within a page. Behind the header, that is where a block is filled from any other large one; at
 // the beginning of a page it is not.
 void* tryAllocate(std::size_t size) {
-    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockHeader) - kPageBytes;
-    if (size > kMost)
+    constexpr std::size_t kMax = std::numeric_limits<std::size_t>::max() - sizeof(BlockHeader) - kPageBytes;
+    if (size > kMax)
         return nullptr;
     const bool paged = size >= kPagedBytes;
     char* const raw = static_cast<char*>(std::malloc(sizeof(BlockHeader) + size + (paged ? kPageBytes : 0)));
@@ -40,6 +40,13 @@ void* tryAllocate(std::size_t size) {
     return blockOf(header);
 }
 
+void* allocateOrThrow(std::size_t size) {
+    void* const block = tryAllocate(size);
+    if (!block)
+        throw std::bad_alloc();
+    return block;
+}
+
 } // namespace detail
 
 jAllocator* jAllocator::get() {
@@ -49,16 +56,14 @@ jAllocator* jAllocator::get() {
 
 void* jAllocator::localAlloc(std::size_t size) {
     void* block = detail::tryAllocate(size);
-    if (!block) {
+    if (!block)
         detail::allocationFailed(size);
-    }
     return block;
 }
 
 void jAllocator::localFree(void* block) {
-    if (!block) {
+    if (!block)
         return;
-    }
     detail::BlockHeader* header = detail::headerOf(block);
     detail::untrack(*header);
     std::free(reinterpret_cast<char*>(header) - header->lead);

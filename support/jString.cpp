@@ -104,9 +104,8 @@ const jString& jString::null() {
 
 void jString::assign(std::string_view text) {
     char* target = data_;
-    if (text.size() > capacity_) {
+    if (text.size() > capacity_)
         target = makeBlock(text.size());
-    }
     // The text may be a part of this string, so it is copied before the old block goes.
     std::memmove(target, text.empty() ? "" : text.data(), text.size());
     target[text.size()] = '\0';

@@ -1,3 +1,5 @@
+#include "support/Tracked.h"
+
 #include <support/jLog.h>
 #include <support/jThread.h>
 
@@ -17,7 +19,9 @@ struct jThread::State {
     std::atomic<bool> running{false};
 };
 
-jThread::jThread() : state_(std::make_shared<State>()) {}
+jThread::jThread()
+    : state_(std::allocate_shared<State>(
+          detail::TrackedAllocator<State, "support/jThread", "jThread::jThread">())) {}
 
 jThread::~jThread() {
     if (!onOwnThread()) {

@@ -24,9 +24,8 @@ constexpr double kSecondsPerNanosecond = 1e-9;
 namespace detail {
 
 std::int64_t clockNow() {
-    if (const auto source = clockSource.load(std::memory_order_relaxed)) {
+    if (const auto source = clockSource.load(std::memory_order_relaxed))
         return source();
-    }
     // A caller before this library's own start-up makes the zero, so it is asked for first.
     const std::int64_t zero = zeroNanoseconds();
     return systemSteadyNow() - zero;

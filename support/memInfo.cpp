@@ -21,11 +21,9 @@ using detail::BlockHeader;
 class ShardLock {
 public:
     void lock() {
-        for (int tries = 0; held_.test_and_set(std::memory_order_acquire); ++tries) {
-            if (tries >= kTriesBeforeYield) {
+        for (int tries = 0; held_.test_and_set(std::memory_order_acquire); ++tries)
+            if (tries >= kTriesBeforeYield)
                 std::this_thread::yield();
-            }
-        }
     }
     void unlock() { held_.clear(std::memory_order_release); }
 
@@ -56,9 +54,8 @@ void link(Shard& shard, BlockHeader& header) {
     const std::lock_guard guard(shard.lock);
     header.prev = nullptr;
     header.next = shard.first;
-    if (shard.first) {
+    if (shard.first)
         shard.first->prev = &header;
-    }
     shard.first = &header;
     ++shard.totalBlocks;
 }
@@ -68,30 +65,26 @@ void link(Shard& shard, BlockHeader& header) {
 namespace detail {
 
 bool untrack(BlockHeader& header) {
-    if (!header.tracked) {
+    if (!header.tracked)
         return false;
-    }
     header.tracked = false;
     Shard& shard = shards[header.shard];
     const std::lock_guard guard(shard.lock);
     (header.prev ? header.prev->next : shard.first) = header.next;
-    if (header.next) {
+    if (header.next)
         header.next->prev = header.prev;
-    }
     return true;
 }
 
 } // namespace detail
 
 void memAddInfo(void* block, bool isArray, const char* file, int line, const char* label, std::size_t size) {
-    if (!block) {
+    if (!block)
         return;
-    }
     BlockHeader& header = *detail::headerOf(block);
     detail::untrack(header);
-    if (!trackingEnabled.load(std::memory_order_relaxed)) {
+    if (!trackingEnabled.load(std::memory_order_relaxed))
         return;
-    }
     header.file = file ? file : "";
     header.label = label ? label : "";
     header.size = size;
@@ -129,9 +122,8 @@ MemReport memReport() {
             report.liveBytes += header->size;
         }
     }
-    for (const auto& [key, group] : groups) {
+    for (const auto& [key, group] : groups)
         report.entries.push_back(group);
-    }
     std::stable_sort(report.entries.begin(), report.entries.end(),
                      [](const MemReportEntry& a, const MemReportEntry& b) { return a.bytes > b.bytes; });
     return report;

@@ -18,9 +18,8 @@ ProfileHandler setProfileHandler(ProfileHandler handler) {
 
 void profileName(float value, const jString& label, const vec4& colour) {
     const auto handler = slot.value.get();
-    if (!handler) {
+    if (!handler)
         return;
-    }
     try {
         (*handler)(label.c_str(), value, colour);
     } catch (...) {

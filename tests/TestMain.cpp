@@ -23,9 +23,8 @@ int main(int argc, char** argv) {
     arguments().assign(argv + 1, argv + argc);
     const int result = RUN_ALL_TESTS();
     const kor::MemReport report = kor::memReport();
-    if (report.liveBlocks == 0) {
+    if (report.liveBlocks == 0)
         return result;
-    }
     std::fprintf(stderr, "%llu blocks with %llu bytes are still live:\n",
                  static_cast<unsigned long long>(report.liveBlocks),
                  static_cast<unsigned long long>(report.liveBytes));

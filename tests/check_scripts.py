@@ -10,7 +10,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-WORKERS = ["apt-get", "dpkg-query", "sudo", "cmake", "ctest", "clang-format", "run-clang-tidy", "ninja"]
+WORKERS = ["apt-get", "dpkg-query", "sudo", "cmake", "ctest", "clang-format-16", "run-clang-tidy", "ninja"]
 
 
 def fault(script, option, folder):

@@ -12,29 +12,25 @@ constexpr double kNanoseconds = 1e9;
 } // namespace
 
 void ClockHistory::add(const Sample& sample) {
-    if (!std::isfinite(sample.local) || !std::isfinite(sample.offset) || !std::isfinite(sample.bound)) {
+    if (!std::isfinite(sample.local) || !std::isfinite(sample.offset) || !std::isfinite(sample.bound))
         return;
-    }
     const std::lock_guard guard(mutex_);
-    if (!kept_.empty() && std::abs(kept_.back().offset - sample.offset) > kStep) {
+    if (!kept_.empty() && std::abs(kept_.back().offset - sample.offset) > kStep)
         kept_.clear();
-    }
     const std::size_t count = kept_.size();
     if (count > 1 && kept_[count - 1].local - kept_[count - 2].local < spacing_) {
         kept_.back() = sample;
         return;
     }
-    if (count == kMost) {
+    if (count == kMax)
         thin();
-    }
     kept_.push_back(sample);
 }
 
 void ClockHistory::thin() {
     std::size_t count = 0;
-    for (std::size_t i = 0; i < kept_.size(); i += 2) {
+    for (std::size_t i = 0; i < kept_.size(); i += 2)
         kept_[count++] = kept_[i];
-    }
     kept_.resize(count);
     spacing_ *= 2;
 }
@@ -67,29 +63,25 @@ double ClockConversion::offsetAt(double local) const {
     const auto after =
         std::upper_bound(samples_.begin(), samples_.end(), local,
                          [](double time, const ClockHistory::Sample& sample) { return time < sample.local; });
-    if (after == samples_.begin()) {
+    if (after == samples_.begin())
         return after->offset;
-    }
     const ClockHistory::Sample& before = *(after - 1);
-    if (after == samples_.end()) {
+    if (after == samples_.end())
         return before.offset;
-    }
     const double share = (local - before.local) / (after->local - before.local);
     return before.offset + (after->offset - before.offset) * share;
 }
 
 std::int64_t ClockConversion::operator()(std::int64_t local) const {
-    if (samples_.empty()) {
+    if (samples_.empty())
         return local;
-    }
     return local + std::llround(offsetAt(static_cast<double>(local) / kNanoseconds) * kNanoseconds);
 }
 
 double ClockConversion::worstBound() const {
     double worst = 0;
-    for (const ClockHistory::Sample& sample : samples_) {
+    for (const ClockHistory::Sample& sample : samples_)
         worst = std::max(worst, sample.bound);
-    }
     return worst;
 }
 

@@ -27,7 +27,7 @@ public:
     std::vector<Sample> samples() const;
 
 private:
-    static constexpr std::size_t kMost = 4096;
+    static constexpr std::size_t kMax = 4096;
     static constexpr double kStep = 0.05; // s
 
     void thin();

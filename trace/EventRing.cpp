@@ -17,37 +17,32 @@ EventRing::EventRing(std::unique_ptr<Place[]> places, std::size_t count)
     : places_(std::move(places)), count_(count) {}
 
 void EventRing::add(Event event, std::string_view text) {
-    text = text.substr(0, kMostTextBytes);
+    text = text.substr(0, kMaxTextBytes);
     event.textBytes = static_cast<std::uint16_t>(text.size());
     const std::size_t more = text.empty() ? 0 : (text.size() - 1) / kTextBytes;
     const std::uint64_t index = next_.fetch_add(1 + more, std::memory_order_relaxed);
-    if (more != 0) {
+    if (more != 0)
         continuations_.fetch_add(more, std::memory_order_relaxed);
-    }
     if (!put(index, event, text.substr(0, kTextBytes))) {
         dropped_.fetch_add(1, std::memory_order_relaxed);
         return;
     }
     event.kind = EventKind::more;
-    for (std::size_t i = 1; i <= more; ++i) {
-        if (!put(index + i, event, text.substr(i * kTextBytes, kTextBytes))) {
+    for (std::size_t i = 1; i <= more; ++i)
+        if (!put(index + i, event, text.substr(i * kTextBytes, kTextBytes)))
             return;
-        }
-    }
 }
 
 bool EventRing::put(std::uint64_t index, const Event& event, std::string_view text) {
     Place& here = place(index);
     std::uint64_t before = here.state.load(std::memory_order_relaxed);
     do {
-        if (before % 2 != 0 || before / 2 > index) {
+        if (before % 2 != 0 || before / 2 > index)
             return false;
-        }
     } while (!here.state.compare_exchange_weak(before, before | 1, std::memory_order_acquire,
                                                std::memory_order_relaxed));
-    if (before > 2 * begin_.load(std::memory_order_relaxed) && here.event.kind != EventKind::more) {
+    if (before > 2 * begin_.load(std::memory_order_relaxed) && here.event.kind != EventKind::more)
         overwritten_.fetch_add(1, std::memory_order_relaxed);
-    }
     here.event = event;
     text.copy(here.text, text.size());
     here.state.store(2 * (index + 1), std::memory_order_release);
@@ -67,13 +62,12 @@ bool EventRing::take(std::uint64_t index, Event& event, char* text) {
     return true;
 }
 
-void EventRing::appendRest(std::uint64_t index, Entry& entry) {
+void EventRing::appendRemainder(std::uint64_t index, Entry& entry) {
     char text[kTextBytes] = {};
     while (entry.text.size() < entry.event.textBytes) {
         Event event;
-        if (!take(++index, event, text) || event.kind != EventKind::more) {
+        if (!take(++index, event, text) || event.kind != EventKind::more)
             return;
-        }
         entry.text.append(text, std::min<std::size_t>(entry.event.textBytes - entry.text.size(), kTextBytes));
     }
 }
@@ -88,7 +82,7 @@ std::vector<EventRing::Entry> EventRing::entries() {
         Entry entry;
         if (take(index, entry.event, text) && entry.event.kind != EventKind::more) {
             entry.text.assign(text, std::min<std::size_t>(entry.event.textBytes, kTextBytes));
-            appendRest(index, entry);
+            appendRemainder(index, entry);
             result.push_back(std::move(entry));
         }
     }

@@ -48,7 +48,7 @@ struct Event {
 class EventRing {
 public:
     static constexpr std::size_t kPlaceBytes = 128;
-    static constexpr std::size_t kMostTextBytes = 1000;
+    static constexpr std::size_t kMaxTextBytes = 1000;
 
     struct Counts {
         std::uint64_t recorded = 0;
@@ -64,7 +64,7 @@ public:
     /// Null when there is no memory for `places`, which must be at least 16.
     static std::unique_ptr<EventRing> make(std::size_t places);
 
-    /// Takes an event in. Text over `kMostTextBytes` is cut.
+    /// Takes an event in. Text over `kMaxTextBytes` is cut.
     void add(Event event, std::string_view text);
 
     /// What is there now, in the order in which it was recorded. Throws `std::bad_alloc`.
@@ -88,10 +88,10 @@ private:
 
     EventRing(std::unique_ptr<Place[]> places, std::size_t count);
 
-    Place& place(std::uint64_t index) { return places_[index % count_]; }
+    Place& place(std::uint64_t index) { return places_[static_cast<std::size_t>(index % count_)]; }
     bool put(std::uint64_t index, const Event& event, std::string_view text);
     bool take(std::uint64_t index, Event& event, char* text);
-    void appendRest(std::uint64_t index, Entry& entry);
+    void appendRemainder(std::uint64_t index, Entry& entry);
 
     std::unique_ptr<Place[]> places_;
     std::size_t count_;

@@ -15,14 +15,12 @@ struct LineTaker {
     jLog::Handler next;
 
     void operator()(LogLevel level, const char* text) const {
-        if (core->isRecording()) {
+        if (core->isRecording())
             core->addNow({.kind = EventKind::log, .code = static_cast<std::uint8_t>(level)}, text);
-        }
-        if (next) {
+        if (next)
             next(level, text);
-        } else {
+        else
             writeToStandardError(level, text);
-        }
     }
 
     /// From inside a handler, the log goes to standard error.
@@ -43,12 +41,10 @@ struct ValueTaker {
     ProfileHandler next;
 
     void operator()(const char* label, float value, const vec4& colour) const {
-        if (core->isRecording()) {
+        if (core->isRecording())
             core->addNow({.first = static_cast<double>(value), .kind = EventKind::value}, label);
-        }
-        if (next) {
+        if (next)
             next(label, value, colour);
-        }
     }
 };
 
@@ -57,11 +53,10 @@ template <class Taker, class Handler>
 void giveBack(const TraceCore* core, Handler (*set)(Handler)) {
     Handler there = set({});
     const auto* taker = there.template target<Taker>();
-    if (taker && taker->core.get() == core) {
+    if (taker && taker->core.get() == core)
         set(taker->next);
-    } else {
+    else
         set(std::move(there));
-    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "trace/JsonText.h"
 
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -15,31 +16,20 @@ unsigned byteAt(std::string_view text, std::size_t at) {
 
 /// Length of the well-formed UTF-8 sequence at that place, 0 where there is none.
 std::size_t sequenceLength(std::string_view text, std::size_t at) {
-    const unsigned lead = byteAt(text, at);
-    const std::size_t length = lead < 0x80   ? 1
-                               : lead < 0xC2 ? 0
-                               : lead < 0xE0 ? 2
-                               : lead < 0xF0 ? 3
-                               : lead < 0xF5 ? 4
-                                             : 0;
-    if (length < 2) {
-        return length;
-    }
-    if (text.size() - at < length) {
+    constexpr unsigned kMinCodes[] = {0, 0, 0x80, 0x800, 0x10000}; // by length; smaller ones are overlong
+    const auto length = static_cast<std::size_t>(std::countl_one(static_cast<unsigned char>(text[at])));
+    if (length == 0)
+        return 1;
+    if (length == 1 || length > 4 || text.size() - at < length)
         return 0;
-    }
-    // The second byte rules out overlong forms, surrogates and what lies beyond U+10FFFF.
-    const unsigned lowest = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned highest = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (byteAt(text, at + 1) < lowest || byteAt(text, at + 1) > highest) {
-        return 0;
-    }
-    for (std::size_t i = 2; i != length; ++i) {
-        if ((byteAt(text, at + i) & 0xC0) != 0x80) {
+    unsigned code = byteAt(text, at) & (0x7Fu >> length);
+    for (std::size_t i = 1; i != length; ++i) {
+        if ((byteAt(text, at + i) & 0xC0) != 0x80)
             return 0;
-        }
+        code = code << 6 | (byteAt(text, at + i) & 0x3F);
     }
-    return length;
+    const bool surrogate = code >= 0xD800 && code < 0xE000;
+    return code < kMinCodes[length] || code > 0x10FFFF || surrogate ? 0 : length;
 }
 
 } // namespace
@@ -68,7 +58,8 @@ void appendJsonString(std::string& out, std::string_view text) {
 
 void appendJsonNumber(std::string& out, double number) {
     if (!std::isfinite(number)) {
-        out += std::isnan(number) ? "\"nan\"" : number > 0 ? "\"inf\"" : "\"-inf\"";
+        const char* const infinity = number > 0 ? "\"inf\"" : "\"-inf\"";
+        out += std::isnan(number) ? "\"nan\"" : infinity;
         return;
     }
     char text[32];

@@ -15,10 +15,10 @@ namespace kor::detail {
 
 namespace {
 
-constexpr std::size_t kLeastBytes = 64 * 1024;
-constexpr std::size_t kMostNames = 256;
+constexpr std::size_t kMinBytes = 64 * 1024;
+constexpr std::size_t kMaxNames = 256;
 constexpr double kNanoseconds = 1e9;
-constexpr double kMostSeconds = 9e9; // what fits 64 bits of nanoseconds
+constexpr double kMaxSeconds = 9e9; // what fits 64 bits of nanoseconds
 
 std::uint32_t thisThread() {
     static std::atomic<std::uint32_t> count{0};
@@ -27,7 +27,7 @@ std::uint32_t thisThread() {
 }
 
 std::int64_t toNanoseconds(double seconds) {
-    return seconds > -kMostSeconds && seconds < kMostSeconds ? std::llround(seconds * kNanoseconds) : 0;
+    return seconds > -kMaxSeconds && seconds < kMaxSeconds ? std::llround(seconds * kNanoseconds) : 0;
 }
 
 std::string randomId() {
@@ -40,21 +40,18 @@ std::string randomId() {
 } // namespace
 
 bool TraceCore::makeRing() {
-    if (!ring_) {
-        ring_ = EventRing::make(std::max(bytes_, kLeastBytes) / EventRing::kPlaceBytes);
-    }
-    if (!ring_) {
+    if (!ring_)
+        ring_ = EventRing::make(std::max(bytes_, kMinBytes) / EventRing::kPlaceBytes);
+    if (!ring_)
         jLog::error("%s:no memory for a trace of %zu bytes", "Trace::begin", bytes_);
-    }
     return ring_ != nullptr;
 }
 
 bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions& options,
                       std::atomic<TraceCore*>& active) {
     const std::lock_guard guard(control_);
-    if (isRecording() || !makeRing()) {
+    if (isRecording() || !makeRing())
         return false;
-    }
     options_ = options;
     id_ = randomId();
     ring_->clear();
@@ -64,12 +61,10 @@ bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions
         threadNames_.try_emplace(thisThread(), "application");
     }
     recording_.store(true, std::memory_order_release);
-    if (options_.log) {
+    if (options_.log)
         takeLog(self);
-    }
-    if (options_.profiler) {
+    if (options_.profiler)
         takeProfiler(self);
-    }
     active.store(this, std::memory_order_release);
     return true;
 }
@@ -77,15 +72,12 @@ bool TraceCore::begin(const std::shared_ptr<TraceCore>& self, const TraceOptions
 void TraceCore::end(std::atomic<TraceCore*>& active) {
     const std::lock_guard guard(control_);
     active.store(nullptr, std::memory_order_relaxed);
-    if (!recording_.exchange(false)) {
+    if (!recording_.exchange(false))
         return;
-    }
-    if (options_.log) {
+    if (options_.log)
         giveLogBack(this);
-    }
-    if (options_.profiler) {
+    if (options_.profiler)
         giveProfilerBack(this);
-    }
 }
 
 bool TraceCore::write(const std::string& path, std::string& error) {
@@ -104,9 +96,8 @@ bool TraceCore::write(const std::string& path, std::string& error) {
 
 TraceCounts TraceCore::counts() {
     const std::lock_guard guard(control_);
-    if (!ring_) {
+    if (!ring_)
         return {};
-    }
     const EventRing::Counts counts = ring_->counts();
     return {counts.recorded, counts.overwritten, counts.dropped};
 }
@@ -114,9 +105,8 @@ TraceCounts TraceCore::counts() {
 void TraceCore::nameThread(const char* name) {
     const std::lock_guard guard(namesLock_);
     try {
-        if (threadNames_.size() < kMostNames) {
+        if (threadNames_.size() < kMaxNames)
             threadNames_[thisThread()] = name;
-        }
     } catch (...) { // no memory: it stays without a name
     }
 }

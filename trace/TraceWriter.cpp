@@ -53,12 +53,10 @@ const char* resultName(unsigned code) {
 /// What the process is, by what it did.
 const char* roleOf(const Recording& recording) {
     for (const EventRing::Entry& entry : recording.entries) {
-        if (entry.event.kind == EventKind::updated || entry.event.kind == EventKind::sent) {
+        if (entry.event.kind == EventKind::updated || entry.event.kind == EventKind::sent)
             return "master";
-        }
-        if (entry.event.kind == EventKind::waited || entry.event.kind == EventKind::arrived) {
+        if (entry.event.kind == EventKind::waited || entry.event.kind == EventKind::arrived)
             return "slave";
-        }
     }
     return "";
 }
@@ -76,16 +74,14 @@ public:
     void write() {
         const std::vector<Timed> events = sorted();
         // Viewers drop what lies before zero, where a slave that was started first may begin.
-        if (!events.empty() && events.front().begin < 0) {
+        if (!events.empty() && events.front().begin < 0)
             zero_ = (events.front().begin - kSecond + 1) / kSecond * kSecond;
-        }
         head();
         names();
         for (const Timed& event : events) {
             write(event);
-            if (out_.size() > kFlushBytes) {
+            if (out_.size() > kFlushBytes)
                 flush();
-            }
         }
         out_ += "\n]}\n";
         flush();
@@ -95,9 +91,8 @@ private:
     std::vector<Timed> sorted() const {
         std::vector<Timed> result;
         result.reserve(recording_.entries.size());
-        for (const EventRing::Entry& entry : recording_.entries) {
+        for (const EventRing::Entry& entry : recording_.entries)
             result.push_back({conversion_(entry.event.begin), conversion_(entry.event.end), &entry});
-        }
         // What encloses others comes before them.
         std::stable_sort(result.begin(), result.end(), [](const Timed& a, const Timed& b) {
             return a.begin != b.begin ? a.begin < b.begin : a.end > b.end;
@@ -139,9 +134,8 @@ private:
     void names() {
         metadata("process_name", 0, recording_.process);
         std::map<std::uint32_t, std::string> threads = recording_.threadNames;
-        for (const EventRing::Entry& entry : recording_.entries) {
+        for (const EventRing::Entry& entry : recording_.entries)
             threads.try_emplace(entry.event.thread, "thread " + std::to_string(entry.event.thread));
-        }
         for (const auto& [thread, name] : threads) {
             out_ += ",\n";
             metadata("thread_name", thread, name);
@@ -178,11 +172,10 @@ private:
 
     void value(const Timed& timed, std::string_view name, double number) {
         Arguments arguments(out_);
-        if (std::isfinite(number)) {
+        if (std::isfinite(number))
             open(timed, 'C', "value", name);
-        } else {
+        else
             open(timed, 'i', "value", std::string(name) + " is not finite");
-        }
         arguments.number("value", number);
         close(arguments);
     }
@@ -192,9 +185,8 @@ private:
         Arguments arguments(out_);
         open(timed, 'X', "frame", name);
         arguments.number("frame", event.first);
-        if (second) {
+        if (second)
             arguments.number(second, event.second);
-        }
         close(arguments);
     }
 

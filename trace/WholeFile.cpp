@@ -25,9 +25,8 @@ bool WholeFile::fail() {
 bool WholeFile::open(const std::string& path) {
     std::error_code failure;
     target_ = path;
-    if (fs::path real = fs::canonical(path, failure); !failure) {
+    if (fs::path real = fs::canonical(path, failure); !failure)
         target_ = real; // a link stays one
-    }
     const fs::file_status status = fs::status(target_, failure);
     if (fs::is_directory(status)) {
         error_ = "it is a directory";
@@ -47,24 +46,20 @@ bool WholeFile::open(const std::string& path) {
 }
 
 void WholeFile::write(std::string_view bytes) {
-    if (!error_.empty()) {
+    if (!error_.empty())
         return;
-    }
     errno = 0;
-    if (!stream_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()))) {
+    if (!stream_.write(bytes.data(), static_cast<std::streamsize>(bytes.size())))
         fail();
-    }
 }
 
 bool WholeFile::finish() {
-    if (!error_.empty()) {
+    if (!error_.empty())
         return false;
-    }
     errno = 0;
     stream_.close();
-    if (!stream_) {
+    if (!stream_)
         return fail();
-    }
     if (!part_.empty()) {
         std::error_code failure;
         fs::rename(part_, target_, failure);

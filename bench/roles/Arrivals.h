@@ -1,54 +1,72 @@
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
+#include "Role.h"
+#include "SystemTime.h"
+
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
-#include <span>
+#include <utility>
 #include <vector>
 
 namespace kor::bench {
 
-/// First and last arrival of each tick, in nanoseconds of the system's clock.
-class Arrivals {
+/// Counts the bytes that arrive. One thread counts, another takes.
+class Meter {
 public:
-    /// A packet that begins with its tick's number has arrived at that time.
-    void note(std::span<const std::uint8_t> packet, std::int64_t at) {
-        std::int32_t tick = -1;
-        if (packet.size() >= sizeof tick)
-            std::memcpy(&tick, packet.data(), sizeof tick);
-        const std::lock_guard lock(mutex_);
-        if (tick < 0 || tick > 1'000'000)
-            return;
-        if (static_cast<std::size_t>(tick) >= spans_.size())
-            spans_.resize(static_cast<std::size_t>(tick) + 1);
-        Span& span = spans_[static_cast<std::size_t>(tick)];
-        span.first = span.count == 0 ? at : std::min(span.first, at);
-        span.last = std::max(span.last, at);
-        ++span.count;
+    void arrived(std::uint64_t bytes) {
+        const std::int64_t now = systemNow();
+        if (first_.load(std::memory_order_relaxed) == 0)
+            first_.store(now, std::memory_order_relaxed);
+        else
+            bytes_.fetch_add(bytes, std::memory_order_relaxed);
+        last_.store(now, std::memory_order_relaxed);
     }
-    /// Count, first and last of each tick; starts anew.
-    std::vector<double> take() {
-        const std::lock_guard lock(mutex_);
-        std::vector<double> numbers;
-        for (const Span& span : spans_) {
-            numbers.push_back(static_cast<double>(span.count));
-            numbers.push_back(static_cast<double>(span.first));
-            numbers.push_back(static_cast<double>(span.last));
-        }
-        spans_.clear();
-        return numbers;
+
+    /// Bytes behind the first message, and the seconds from the first to the last; starts anew.
+    Numbers take() {
+        const auto bytes = static_cast<double>(bytes_.exchange(0));
+        const std::int64_t span = last_.load() - first_.exchange(0);
+        return {bytes, static_cast<double>(span) * 1e-9};
     }
 
 private:
-    struct Span {
-        int count = 0;
-        std::int64_t first = 0;
-        std::int64_t last = 0;
-    };
-    std::mutex mutex_;
-    std::vector<Span> spans_;
+    std::atomic<std::int64_t> first_{0};
+    std::atomic<std::int64_t> last_{0};
+    std::atomic<std::uint64_t> bytes_{0};
 };
+
+/// How long messages took that begin with their time of sending. One thread measures, another takes.
+class Delays {
+public:
+    void arrived(const void* message) {
+        std::int64_t sent = 0;
+        std::memcpy(&sent, message, sizeof sent);
+        const std::lock_guard lock(mutex_);
+        milliseconds_.push_back(static_cast<double>(systemNow() - sent) * 1e-6);
+    }
+    Numbers take() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(milliseconds_, {});
+    }
+
+private:
+    std::mutex mutex_;
+    Numbers milliseconds_;
+};
+
+/// Follows an order "send COUNT BYTES": such messages, one at a time, about a frame apart.
+template <typename Send>
+Numbers sendStamped(const Order& order, Send send) {
+    std::vector<char> message(static_cast<std::size_t>(order.numbers.at(1)), 'd');
+    for (double left = order.numbers.at(0); left > 0; --left) {
+        const std::int64_t now = systemNow();
+        std::memcpy(message.data(), &now, sizeof now);
+        send(message);
+        sleepUntil(timeIn(0.005));
+    }
+    return {};
+}
 
 } // namespace kor::bench

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 
 #include <netinet/in.h>
@@ -12,12 +11,18 @@
 
 namespace kor::bench {
 
-/// Reads a UDP socket with the system calls that the connection layer makes: waits in epoll, then takes what
-/// is there with recvmmsg, together with senders' addresses, the kernel's arrival stamps and its count of
-/// drops.
+/// Reads a UDP socket by one of two means. With the same system calls as the connection layer it waits in
+/// epoll, then takes what is there with recvmmsg, together with senders' addresses, the kernel's arrival
+/// stamps and its count of drops. With the fewest calls it blocks in recvmmsg and takes nothing but the
+/// bytes.
 class DatagramReader {
 public:
-    explicit DatagramReader(int fd) : fd_(fd), epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+    DatagramReader(int fd, bool sameCalls)
+        : fd_(fd), epoll_(sameCalls ? ::epoll_create1(EPOLL_CLOEXEC) : -1) {
+        for (std::size_t i = 0; i != kSlots; ++i)
+            reset(i);
+        if (!sameCalls)
+            return;
         epoll_event event{};
         event.events = EPOLLIN;
         ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
@@ -25,23 +30,24 @@ public:
             const int on = 1;
             ::setsockopt(fd, SOL_SOCKET, option, &on, sizeof on);
         }
-        for (std::size_t i = 0; i != kSlots; ++i)
-            reset(i);
     }
     DatagramReader(const DatagramReader&) = delete;
     DatagramReader& operator=(const DatagramReader&) = delete;
     ~DatagramReader() { ::close(epoll_); }
 
-    /// Waits and calls `take(bytes, size, from)` for each message.
+    /// Waits and calls `take(bytes, size, from)` for each message. With the fewest calls `from` is not known.
     template <typename Take>
     void read(Take take) {
         epoll_event event{};
-        ::epoll_wait(epoll_, &event, 1, -1);
-        const int got = ::recvmmsg(fd_, messages_.data(), kSlots, MSG_DONTWAIT, nullptr);
+        if (epoll_ >= 0)
+            ::epoll_wait(epoll_, &event, 1, -1);
+        const int how = epoll_ >= 0 ? MSG_DONTWAIT : MSG_WAITFORONE;
+        const int got = ::recvmmsg(fd_, messages_.data(), kSlots, how, nullptr);
         for (int i = 0; i < got; ++i) {
             const auto slot = static_cast<std::size_t>(i);
             take(slots_.get() + slot * kSlotBytes, std::size_t{messages_[slot].msg_len}, names_[slot]);
-            reset(slot);
+            if (epoll_ >= 0)
+                reset(slot);
         }
     }
 
@@ -54,16 +60,18 @@ private:
         vectors_[i] = {slots_.get() + i * kSlotBytes, kSlotBytes};
         msghdr& header = messages_[i].msg_hdr;
         header = {};
-        header.msg_name = &names_[i];
-        header.msg_namelen = sizeof names_[i];
         header.msg_iov = &vectors_[i];
         header.msg_iovlen = 1;
+        if (epoll_ < 0)
+            return;
+        header.msg_name = &names_[i];
+        header.msg_namelen = sizeof names_[i];
         header.msg_control = controls_.data() + i * kControlBytes;
         header.msg_controllen = kControlBytes;
     }
 
     int fd_;
-    int epoll_;
+    int epoll_; ///< -1 with the fewest calls
     std::unique_ptr<char[]> slots_{new char[kSlots * kSlotBytes]};
     std::array<mmsghdr, kSlots> messages_{};
     std::array<iovec, kSlots> vectors_{};

@@ -1,12 +1,16 @@
 #pragma once
 
+#include "Role.h"
+
 #include <support/NetOptions.h>
 #include <support/RTHandlers.h>
 #include <support/RTNet.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
 
 namespace kor::bench {
@@ -15,27 +19,38 @@ namespace kor::bench {
 /// thread. Throws std::runtime_error when a port or a peer cannot be had.
 class KorNode final : RTUserHandler, RTPacketHandler {
 public:
-    explicit KorNode(const NetOptions& options = {});
-    KorNode(const KorNode&) = delete;
-    KorNode& operator=(const KorNode&) = delete;
+    explicit KorNode(const NetOptions& options = {}) {
+        net_.setOptions(options);
+        net_.setUserHandler(this);
+        if (!net_.init(0))
+            throw std::runtime_error("no port for the connection layer");
+    }
     ~KorNode() { net_.release(); }
 
     std::function<void(RTUser&, Packet&)> onPacketHook;
     std::function<void(RTUser&)> onSendOverHook;
 
-    unsigned short port() { return net_.getLocalPorts().data[0]; }
+    double port() { return net_.getLocalPorts().data[0]; }
 
     /// Connects to a port of this machine and waits until the connection stands.
-    RTUser& connect(unsigned short port);
+    RTUser& connect(double port) {
+        net_.connect(jString("127.0.0.1"), static_cast<unsigned short>(port), 1000, 10);
+        return *users(1).front();
+    }
 
     /// Waits until that many peers are connected, and returns them.
-    std::vector<RTUser*> users(std::size_t count);
+    std::vector<RTUser*> users(double count) {
+        await([&] { return static_cast<double>(users_.size()) >= count; });
+        const std::lock_guard lock(mutex_);
+        return users_;
+    }
 
-    /// Waits until `done()`, which is asked under the mutex after each change(). False after a minute.
+    /// Waits until `done()`, which is asked under the mutex after each change(). Throws after a minute.
     template <typename Done>
-    bool await(Done done) {
+    void await(Done done) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::minutes(1), done);
+        if (!changed_.wait_for(lock, std::chrono::minutes(1), done))
+            throw std::runtime_error("nothing has come for a minute");
     }
     template <typename Change>
     void change(Change how) {
@@ -47,13 +62,27 @@ public:
     }
 
 private:
-    void onConnect(const RTAddr& addr, bool established) override;
+    void onConnect(const RTAddr& addr, bool established) override {
+        RTUser* const user = established ? net_.getUserByAddr(addr) : nullptr;
+        if (user == nullptr)
+            return;
+        user->setPacketHandler(this);
+        change([&] { users_.push_back(user); });
+    }
     void onReConnect(const RTAddr&) override {}
     void onDisConnect(const RTAddr& addr) override { gone(addr); }
     void onConnectLost(const RTAddr& addr) override { gone(addr); }
-    void onPacket(RTUser* user, Packet* packet) override;
-    void onSendOver(RTUser* user, RS_SendPacketsQueue* send) override;
-    void gone(const RTAddr& addr);
+    void onPacket(RTUser* user, Packet* packet) override {
+        if (onPacketHook)
+            onPacketHook(*user, *packet);
+    }
+    void onSendOver(RTUser* user, RS_SendPacketsQueue*) override {
+        if (onSendOverHook)
+            onSendOverHook(*user);
+    }
+    void gone(const RTAddr& addr) {
+        change([&] { std::erase_if(users_, [&](const RTUser* user) { return user->getAddr() == addr; }); });
+    }
 
     RTNet net_;
     std::mutex mutex_;
@@ -61,8 +90,12 @@ private:
     std::vector<RTUser*> users_;
 };
 
-/// The options that the first two arguments of a role choose: the largest datagram payload, and whether the
-/// kernel's offloads are used.
-NetOptions optionsOf(double payload, double offloads);
+/// A role's first two arguments: the largest payload of a datagram, and whether to use kernel offloads.
+inline NetOptions optionsOf(const Numbers& arguments) {
+    NetOptions options;
+    options.maxDatagramPayload = static_cast<std::uint32_t>(arguments.at(0));
+    options.segmentationOffload = options.receiveOffload = arguments.at(1) != 0;
+    return options;
+}
 
 } // namespace kor::bench

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <stdexcept>
 #include <tuple>
-#include <utility>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,34 +20,23 @@ public:
         if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
             throw std::runtime_error("no socket");
     }
-    PlainSocket(PlainSocket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    PlainSocket& operator=(PlainSocket&&) = delete;
-    ~PlainSocket() {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
+    PlainSocket(const PlainSocket&) = delete;
+    PlainSocket& operator=(const PlainSocket&) = delete;
+    ~PlainSocket() { ::close(fd_); }
 
     int fd() const { return fd_; }
 
-    std::uint16_t port() const {
+    double port() const {
         sockaddr_in name{};
         socklen_t length = sizeof name;
         ::getsockname(fd_, reinterpret_cast<sockaddr*>(&name), &length);
         return ntohs(name.sin_port);
     }
 
-    void connect(std::uint16_t port) {
+    void connect(double port) {
         const sockaddr_in name = here(port);
         if (::connect(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
             throw std::runtime_error("cannot connect");
-    }
-
-    /// Of a listening stream socket: the next connection.
-    PlainSocket accept() const {
-        const int fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            throw std::runtime_error("nobody connects");
-        return PlainSocket(Descriptor{fd});
     }
 
     void set(int level, int option, int value) const {
@@ -64,20 +52,15 @@ public:
     }
 
     /// The address of a port of this machine.
-    static sockaddr_in here(std::uint16_t port) {
+    static sockaddr_in here(double port) {
         sockaddr_in name{};
         name.sin_family = AF_INET;
         name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        name.sin_port = htons(port);
+        name.sin_port = htons(static_cast<std::uint16_t>(port));
         return name;
     }
 
 private:
-    struct Descriptor {
-        int fd;
-    };
-    explicit PlainSocket(Descriptor descriptor) : fd_(descriptor.fd) {}
-
     int fd_;
 };
 

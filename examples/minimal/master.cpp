@@ -26,12 +26,10 @@ public:
 int main() {
     Master master;
     // Announce at 127.255.255.255:7100 (this machine), from port 7200, that slaves may connect to port 7300.
-    if (!master.init("127.255.255.255", 7100, 7200, 7300)) {
+    if (!master.init("127.255.255.255", 7100, 7200, 7300))
         return 1;
-    }
     // Frames are counted on the clock: begin with the present one instead of with all that have passed.
     master.setFrameID(static_cast<int>(kor::jTimer::getTimeSecond() / master.getFrameInterval()));
-    for (;;) {
+    for (;;)
         master.swap(); // waits for the next frame and calls update()
-    }
 }

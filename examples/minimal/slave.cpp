@@ -24,9 +24,8 @@ public:
 int main() {
     Slave slave;
     // Listen on port 7100, connect from any free port, and be known as node-a with one camera.
-    if (!slave.init(7100, 0, "node-a", {"left"})) {
+    if (!slave.init(7100, 0, "node-a", {"left"}))
         return 1;
-    }
     for (;;) {
         std::printf("frame %9.2f   ball %+.4f %+.4f\n", slave.getFrameID(), slave.ball.x, slave.ball.y);
         slave.swapBegin(true);

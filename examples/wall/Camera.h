@@ -12,7 +12,7 @@ struct Camera {
     glm::ivec2 size{0};
 };
 
-/// The least part of the wall that holds all cameras' parts; its name is empty. There must be a camera.
+/// The smallest part of the wall that holds all cameras' parts; its name is empty. There must be a camera.
 Camera around(const std::vector<Camera>& cameras);
 
 /// The view through that window. Frusta of neighbours share their edge, so that the pictures tile.

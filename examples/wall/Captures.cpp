@@ -26,9 +26,8 @@ bool isSound(const CaptureOrder& order) {
 
 void Captures::keep(const WallFrame& frame) {
     frames_.try_emplace(frame.id, frame.scene);
-    if (frames_.size() > kFramesKept) {
+    if (frames_.size() > kFramesKept)
         frames_.erase(frames_.begin());
-    }
     if (frame.order.number > lastNumber_ && isSound(frame.order)) {
         lastNumber_ = frame.order.number;
         take(frame.order, frame.mode);
@@ -49,9 +48,8 @@ void Captures::take(const CaptureOrder& order, const WallMode& mode) {
 }
 
 void Captures::clear() {
-    for (const Pending& pending : pending_) {
+    for (const Pending& pending : pending_)
         complain(pending.order, "the master went away");
-    }
     pending_.clear();
     exact_.clear();
     frames_.clear();
@@ -62,9 +60,8 @@ void Captures::clear() {
 void Captures::blendExact() {
     for (Pending& pending : pending_) {
         const double position = pending.order.position;
-        if (!pending.exact || frames_.rbegin()->first < laterOf(position)) {
+        if (!pending.exact || frames_.rbegin()->first < laterOf(position))
             continue;
-        }
         pending.exact = false;
         const auto earlier = frames_.find(earlierOf(position));
         const auto later = frames_.find(laterOf(position));

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr std::size_t kLongestLine = 4096;
+constexpr std::size_t kMaxLine = 4096;
 
 bool readable(int file) {
     pollfd input{file, POLLIN, 0};
@@ -16,25 +16,23 @@ bool readable(int file) {
 
 std::vector<std::string> CommandInput::take() {
     char bytes[512];
-    while (!ended_ && rest_.size() < kLongestLine && readable(STDIN_FILENO)) {
+    while (!ended_ && pending_.size() < kMaxLine && readable(STDIN_FILENO)) {
         const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
         ended_ = count <= 0;
-        rest_.append(bytes, ended_ ? 0 : static_cast<std::size_t>(count));
+        pending_.append(bytes, ended_ ? 0 : static_cast<std::size_t>(count));
     }
     std::vector<std::string> lines;
-    for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n')) {
-        if (!tooLong_) {
-            lines.push_back(rest_.substr(0, end));
-        }
+    for (std::size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
+        if (!tooLong_)
+            lines.push_back(pending_.substr(0, end));
         tooLong_ = false;
-        rest_.erase(0, end + 1);
+        pending_.erase(0, end + 1);
     }
-    if (rest_.size() >= kLongestLine) { // not a command, whatever it is; nor is what is left of it
-        if (!tooLong_) {
-            lines.push_back(rest_.substr(0, 40) + "...");
-        }
+    if (pending_.size() >= kMaxLine) { // not a command, whatever it is; nor is what is left of it
+        if (!tooLong_)
+            lines.push_back(pending_.substr(0, 40) + "...");
         tooLong_ = true;
-        rest_.clear();
+        pending_.clear();
     }
     return lines;
 }

@@ -10,7 +10,7 @@ public:
     std::vector<std::string> take();
 
 private:
-    std::string rest_;
+    std::string pending_;  // what has come of the next line
     bool tooLong_ = false; // the line that is coming; its beginning has been taken
     bool ended_ = false;
 };

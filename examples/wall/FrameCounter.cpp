@@ -14,16 +14,14 @@ constexpr int kCell = 4; // pixels
 
 std::vector<Box> frameCounter(int frame, const glm::ivec2& corner) {
     std::vector<Box> boxes;
-    if (frame < 0) {
+    if (frame < 0)
         return boxes;
-    }
     glm::ivec2 place = corner + glm::ivec2(16, 14);
     for (const char digit : std::to_string(frame)) {
         for (int row = 0; row < 5; ++row) {
             for (int column = 0; column < 3; ++column) {
-                if ((kDigits[digit - '0'][row] >> (2 - column) & 1) == 0) {
+                if ((kDigits[digit - '0'][row] >> (2 - column) & 1) == 0)
                     continue;
-                }
                 Box cell;
                 cell.position = {glm::vec2(place + kCell * glm::ivec2(column, row)), 0};
                 cell.size = {kCell, kCell, 0.1F};

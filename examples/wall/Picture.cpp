@@ -44,13 +44,11 @@ std::string write(const std::string& path, const std::string& bytes) {
     const bool opened = file.is_open();
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (file) {
+    if (file)
         return {};
-    }
     const std::string reason = errno != 0 ? std::strerror(errno) : "unknown error";
-    if (opened) {
+    if (opened)
         std::remove(path.c_str());
-    }
     return "cannot write " + path + ": " + reason;
 }
 
@@ -111,8 +109,7 @@ std::string savePng(const std::string& path, const Picture& picture, const Pictu
         texts.push_back(entry);
     }
     std::string bytes;
-    if (!encode(picture.size, rows.data(), texts.data(), static_cast<int>(texts.size()), bytes)) {
+    if (!encode(picture.size, rows.data(), texts.data(), static_cast<int>(texts.size()), bytes))
         return "cannot encode " + path;
-    }
     return write(path, bytes);
 }

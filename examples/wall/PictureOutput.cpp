@@ -15,9 +15,8 @@ void PictureOutput::save(const CaptureOrder& order, const std::string& kind, con
                                        {"kind", kind},
                                        {"camera", camera.name},
                                        {"file", path}};
-    for (const auto& [keyword, text] : texts) {
+    for (const auto& [keyword, text] : texts)
         line[keyword] = text;
-    }
     report_.add(line);
 }
 

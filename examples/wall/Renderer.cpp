@@ -56,9 +56,8 @@ std::vector<Vertex> shapes() {
     const glm::vec2 corners[] = {{-0.5, -0.5}, {0.5, -0.5}, {0.5, 0.5},
                                  {-0.5, -0.5}, {0.5, 0.5},  {-0.5, 0.5}};
     std::vector<Vertex> vertices;
-    for (const glm::vec2& c : corners) {
+    for (const glm::vec2& c : corners)
         vertices.push_back({{c.x, c.y * 1.5F, 0}, {0, 0, 1}});
-    }
     for (int axis = 0; axis < 3; ++axis) {
         for (const float side : {-0.5F, 0.5F}) {
             for (const glm::vec2& c : corners) {
@@ -101,9 +100,8 @@ Renderer::Renderer()
     attribute(1, 3, sizeof(Vertex), offsetof(Vertex, normal), 0);
     glGenBuffers(1, &instanceBuffer_);
     glBindBuffer(GL_ARRAY_BUFFER, instanceBuffer_);
-    for (unsigned column = 0; column < 4; ++column) {
+    for (unsigned column = 0; column < 4; ++column)
         attribute(2 + column, 4, sizeof(Instance), column * sizeof(glm::vec4), 1);
-    }
     attribute(6, 3, sizeof(Instance), offsetof(Instance, colour), 1);
 }
 
@@ -126,11 +124,9 @@ void Renderer::draw(const WallScene& scene, const Camera& camera, int frame, con
     glEnable(GL_DEPTH_TEST);
     instances_.clear();
     for (const std::vector<Box>& boxes : {scene.boxes, frameCounter(frame, camera.corner)}) {
-        for (const Box& box : boxes) {
-            if (!box.glow) {
+        for (const Box& box : boxes)
+            if (!box.glow)
                 instances_.push_back({modelOf(box), box.colour});
-            }
-        }
     }
     drawBoxes(solid_, kQuadVertices, kCubeVertices, view);
 
@@ -138,11 +134,9 @@ void Renderer::draw(const WallScene& scene, const Camera& camera, int frame, con
     glEnable(GL_BLEND);
     glBlendFunc(GL_ONE, GL_ONE);
     instances_.clear();
-    for (const Box& box : scene.boxes) {
-        if (box.glow) {
+    for (const Box& box : scene.boxes)
+        if (box.glow)
             instances_.push_back({modelOf(box), box.colour});
-        }
-    }
     drawBoxes(glow_, 0, kQuadVertices, view);
     glDisable(GL_BLEND);
     glDisable(GL_SCISSOR_TEST);

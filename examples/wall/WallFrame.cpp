@@ -94,15 +94,14 @@ Box readBox(BufferReader& reader) {
 
 // Takes in the record at the reader's position when it is one of ours.
 void readRecord(BufferReader& reader, WallFrame& frame) {
-    if (kor::openRecord(reader, kMode, kModeBytes)) {
+    if (kor::openRecord(reader, kMode, kModeBytes))
         frame.mode = readMode(reader);
-    } else if (kor::openRecord(reader, kCapture, kCaptureBytes)) {
+    else if (kor::openRecord(reader, kCapture, kCaptureBytes))
         frame.order = readOrder(reader);
-    } else if (kor::openRecord(reader, kEye, kEyeBytes)) {
+    else if (kor::openRecord(reader, kEye, kEyeBytes))
         readEye(reader, frame.scene);
-    } else if (kor::openRecord(reader, kBox, kBoxBytes)) {
+    else if (kor::openRecord(reader, kBox, kBoxBytes))
         frame.scene.boxes.push_back(readBox(reader));
-    }
 }
 
 } // namespace
@@ -116,33 +115,28 @@ int packetSize(const WallFrame& frame) {
 void writeFrame(BufferWriter& writer, const WallFrame& frame) {
     kor::KorCoderBase::codeBegin(writer, frame.id);
     writeMode(writer, frame.mode);
-    if (frame.order.number > 0) {
+    if (frame.order.number > 0)
         writeOrder(writer, frame.order);
-    }
     writeEye(writer, frame.scene);
-    for (const Box& box : frame.scene.boxes) {
+    for (const Box& box : frame.scene.boxes)
         writeBox(writer, box);
-    }
     kor::KorCoderBase::codeEnd(writer);
 }
 
 bool readFrame(const void* data, int size, WallFrame& frame) {
     frame.order = CaptureOrder();
     frame.scene.boxes.clear();
-    if (size < 0) {
+    if (size < 0)
         return false;
-    }
     BufferReader reader(data, static_cast<std::uint32_t>(size));
-    if (!kor::KorCoderBase::decodeBegin(reader, frame.id)) {
+    if (!kor::KorCoderBase::decodeBegin(reader, frame.id))
         return false;
-    }
     while (!kor::KorCoderBase::decodeEnd(reader)) {
         const int start = reader.position;
         readRecord(reader, frame);
         reader.seekSet(start);
-        if (!kor::skipRecord(reader)) {
+        if (!kor::skipRecord(reader))
             return false;
-        }
     }
     return true;
 }

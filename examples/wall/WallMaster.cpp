@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <sstream>
 
 namespace {
@@ -19,12 +20,10 @@ int keyIn(const kor::KorData& block) {
 
 void WallMaster::update() {
     frame_.id = getFrameID() + lead_;
-    if (!frozen_) {
+    if (!frozen_)
         time_ = frame_.id * getFrameInterval();
-    }
-    if (frame_.id > orderUntil_) {
+    if (frame_.id > orderUntil_)
         frame_.order.number = 0;
-    }
     animate(frame_.scene, time_, wall_);
     bytes_.resize(static_cast<std::size_t>(packetSize(frame_)));
     kor::BufferWriter writer(bytes_.data(), static_cast<int>(bytes_.size()));
@@ -40,14 +39,12 @@ int WallMaster::wait(double timeout) {
             for (int i = 0; i < server->getClientCount(); ++i) {
                 kor::Client* slave = server->getClientByIndex(i);
                 const kor::AtomicLock mail(&slave->getLock());
-                for (const kor::KorData& block : slave->getData()) {
+                for (const kor::KorData& block : slave->getData())
                     keys.push_back(keyIn(block));
-                }
             }
         }
-        for (const int character : keys) {
+        for (const int character : keys)
             key(character);
-        }
     }
     return KorLogicServer::wait(timeout);
 }
@@ -83,40 +80,33 @@ std::string WallMaster::command(const std::string& line) {
     std::string argument;
     std::string surplus;
     words >> verb >> argument;
-    if (words >> surplus) {
+    if (words >> surplus)
         return "'" + line + "' has a word too many";
-    }
-    if (verb == "capture") {
+    if (verb == "capture")
         return capture(argument.empty() ? "+30" : argument);
-    }
-    bool* target = verb == "lock"            ? &frame_.mode.lock
-                   : verb == "interpolation" ? &frame_.mode.interpolation
-                   : verb == "overlay"       ? &frame_.mode.overlay
-                   : verb == "flash"         ? &frame_.mode.flash
-                   : verb == "freeze"        ? &frozen_
-                                             : nullptr;
-    if (!target) {
+    const std::map<std::string, bool*> switches = {{"lock", &frame_.mode.lock},
+                                                   {"interpolation", &frame_.mode.interpolation},
+                                                   {"overlay", &frame_.mode.overlay},
+                                                   {"flash", &frame_.mode.flash},
+                                                   {"freeze", &frozen_}};
+    const auto target = switches.find(verb);
+    if (target == switches.end())
         return "no such command: '" + line + "'";
-    }
-    if (argument != "on" && argument != "off") {
+    if (argument != "on" && argument != "off")
         return "'" + line + "': on or off?";
-    }
-    *target = argument == "on";
+    *target->second = argument == "on";
     return {};
 }
 
 std::string WallMaster::capture(const std::string& when) {
     std::istringstream number(when);
     double position = 0;
-    if (!(number >> position) || !number.eof() || !std::isfinite(position) || position < 0) {
+    if (!(number >> position) || !number.eof() || !std::isfinite(position) || position < 0)
         return "'" + when + "' is not a frame position";
-    }
-    if (when.front() == '+') {
+    if (when.front() == '+')
         position += getFrameID();
-    }
-    if (position > getFrameID() + kFarAhead) {
+    if (position > getFrameID() + kFarAhead)
         return "'" + when + "' is more than " + std::to_string(kFarAhead) + " frames ahead";
-    }
     frame_.order = {++captureNumber_, position};
     orderUntil_ = std::max(getFrameID(), static_cast<int>(position)) + lead_ + kOrderFrames;
     return {};

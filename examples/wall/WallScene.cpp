@@ -10,13 +10,13 @@ constexpr glm::vec3 kAxisZ{0, 0, 1};
 // Position on a track that starts anew at its end, and how often it has.
 struct Lap {
     int count;
-    float way;
+    float distance;
 };
 
 Lap lapOf(double time, float speed, float track) {
-    const double way = time * static_cast<double>(speed);
-    const double laps = std::floor(way / static_cast<double>(track));
-    return {static_cast<int>(laps), static_cast<float>(way - laps * static_cast<double>(track))};
+    const double distance = time * static_cast<double>(speed);
+    const double laps = std::floor(distance / static_cast<double>(track));
+    return {static_cast<int>(laps), static_cast<float>(distance - laps * static_cast<double>(track))};
 }
 
 // These three cross every seam, each in a colour of its own, so that a picture tells where each is.
@@ -31,20 +31,20 @@ float diagonalReach(const glm::vec2& wall) {
 }
 
 Box fastBar(double time, const glm::vec2& wall) {
-    const CrossingBar way = crossingBars(wall)[0];
-    const Lap lap = lapOf(time, way.speed, way.track);
+    const CrossingBar course = crossingBars(wall)[0];
+    const Lap lap = lapOf(time, course.speed, course.track);
     Box bar{0, lap.count, true};
-    bar.position = {wall.x / 2, lap.way - kFastThickness / 2, 0};
+    bar.position = {wall.x / 2, lap.distance - kFastThickness / 2, 0};
     bar.size = {wall.x * 1.2F, kFastThickness, 1};
     bar.colour = {1, 0, 0};
     return bar;
 }
 
 Box diagonalBar(double time, const glm::vec2& wall) {
-    const CrossingBar way = crossingBars(wall)[1];
-    const Lap lap = lapOf(time, way.speed, way.track);
+    const CrossingBar course = crossingBars(wall)[1];
+    const Lap lap = lapOf(time, course.speed, course.track);
     Box bar{1, lap.count, true};
-    bar.position = {wall.x / 2, lap.way - diagonalReach(wall), 0};
+    bar.position = {wall.x / 2, lap.distance - diagonalReach(wall), 0};
     bar.orientation = glm::angleAxis(std::atan(kDiagonalSlope), kAxisZ);
     bar.size = {wall.x * 1.2F, kDiagonalThickness, 1};
     bar.colour = {0, 1, 0};
@@ -64,7 +64,7 @@ Box spinningBlade(double time, const glm::vec2& wall) {
 Box traveller(double time, const glm::vec2& wall) {
     const Lap lap = lapOf(time, 200, wall.x + 300);
     Box cube{3, lap.count, false};
-    cube.position = {lap.way - 150, wall.y * 0.7F, -60};
+    cube.position = {lap.distance - 150, wall.y * 0.7F, -60};
     cube.orientation =
         glm::angleAxis(static_cast<float>(std::fmod(time, 2 * M_PI)), glm::normalize(glm::vec3(1, 2, 3)));
     cube.size = glm::vec3(wall.y / 4);
@@ -93,9 +93,8 @@ void animate(WallScene& scene, double time, const glm::vec2& wall) {
     scene.eye = {static_cast<double>(wall.x) * (0.5 + 0.12 * std::sin(0.7 * time)),
                  static_cast<double>(wall.y) * (0.5 + 0.2 * std::sin(0.9 * time)), 700};
     scene.boxes.clear();
-    for (const auto box : {fastBar, diagonalBar, spinningBlade, traveller, jumper}) {
+    for (const auto box : {fastBar, diagonalBar, spinningBlade, traveller, jumper})
         scene.boxes.push_back(box(time, wall));
-    }
     for (int i = 0; i < 12; ++i) { // posts far behind, which show how the viewpoint moves
         Box post{10 + i, 0, false};
         post.position = {wall.x * (static_cast<float>(i) + 0.5F) / 12, wall.y / 2, -300};
@@ -116,9 +115,8 @@ void blend(WallScene& scene, const WallScene& later, double weight) {
     for (const Box& next : later.boxes) {
         const auto box = std::find_if(scene.boxes.begin(), scene.boxes.end(),
                                       [&next](const Box& candidate) { return candidate.id == next.id; });
-        if (box == scene.boxes.end() || box->cut != next.cut) {
+        if (box == scene.boxes.end() || box->cut != next.cut)
             continue; // new or jumped: comes with weight 1 when its own frame does
-        }
         box->position = glm::mix(box->position, next.position, share);
         box->orientation = glm::slerp(box->orientation, next.orientation, share);
         box->size = glm::mix(box->size, next.size, share);

@@ -13,7 +13,7 @@
 
 struct Box {
     int id = 0;
-    int cut = 0;       ///< changes when the box jumps: the way from before to after is not to be blended
+    int cut = 0;       ///< changes when the box jumps: what is before and after is not to be blended
     bool glow = false; ///< light that adds up, so that one bar does not hide the other
     glm::vec3 position{0};
     glm::quat orientation{1, 0, 0, 0};

@@ -25,9 +25,8 @@ kor::KorLogicClient::WAIT_RESULT WallSlave::wait(double timeout) {
     ++counts_[shown_.result];
     const MasterClock master = clock();
     shown_.refresh = master.known() ? (shown_.vsync + master.offset / 1000) / getFrameInterval() : -1;
-    if (!mode_.lock) {
+    if (!mode_.lock)
         showNewest();
-    }
     return shown_.result;
 }
 
@@ -35,11 +34,9 @@ kor::KorLogicClient::WAIT_RESULT WallSlave::wait(double timeout) {
 void WallSlave::showNewest() {
     const kor::AtomicLock guard(getClient()->getLock());
     kor::KorData* newest = nullptr;
-    for (kor::KorData& block : cache) {
-        if (!newest || block.frameID > newest->frameID) {
+    for (kor::KorData& block : cache)
+        if (!newest || block.frameID > newest->frameID)
             newest = &block;
-        }
-    }
     if (newest && readFrame(newest->data, newest->size, received_)) {
         captures_.keep(received_);
         scene_ = received_.scene;
@@ -59,9 +56,8 @@ bool WallSlave::sendKey(int character) {
 
 MasterClock WallSlave::clock() {
     MasterClock clock;
-    if (const kor::RTUser* master = getClient()->getUser()) {
+    if (const kor::RTUser* master = getClient()->getUser())
         clock = {master->getTimeOffset(), master->getTimeOffsetErrorBound(), master->getPing()};
-    }
     return clock;
 }
 

@@ -12,9 +12,8 @@ namespace {
 std::optional<Camera> cameraFrom(const std::string& text) {
     Camera camera;
     const std::size_t equals = text.find('=');
-    if (equals == 0 || equals == std::string::npos || text.find('/') < equals) { // it names files, too
+    if (equals == 0 || equals == std::string::npos || text.find('/') < equals) // it names files, too
         return std::nullopt;
-    }
     camera.name = text.substr(0, equals);
     std::istringstream numbers(text.substr(equals + 1));
     char commas[3] = {};
@@ -80,20 +79,16 @@ int complain(const char* format, const std::string& what) {
 int takeTexts(const Texts& texts, WallSlaveOptions& options) {
     for (const std::string& text : texts.cameras) {
         const std::optional<Camera> camera = cameraFrom(text);
-        if (!camera) {
+        if (!camera)
             return complain("--camera: '%s' is not NAME=X,Y,WIDTH,HEIGHT\n", text);
-        }
         options.cameras.push_back(*camera);
     }
-    if (options.cameras.empty()) {
+    if (options.cameras.empty())
         return complain("a slave needs at least one camera: %s\n", "--camera NAME=X,Y,WIDTH,HEIGHT");
-    }
-    if (!texts.window.empty()) {
+    if (!texts.window.empty())
         options.window = {texts.window[0], texts.window[1]};
-    }
-    if (!texts.size.empty()) {
+    if (!texts.size.empty())
         options.size = {texts.size[0], texts.size[1]};
-    }
     return -1;
 }
 

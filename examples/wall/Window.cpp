@@ -34,9 +34,8 @@ std::unique_ptr<Window> Window::open(const Options& options) {
 
 bool Window::create(const Options& options) {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-    if (SDL_Init(SDL_INIT_VIDEO) != 0) {
+    if (SDL_Init(SDL_INIT_VIDEO) != 0)
         return fail("no display");
-    }
     if (!canBeSeen()) {
         SDL_SetError("neither DISPLAY nor WAYLAND_DISPLAY leads to one");
         return fail("no display");
@@ -46,21 +45,20 @@ bool Window::create(const Options& options) {
     SDL_GL_SetAttribute(SDL_GL_CONTEXT_MINOR_VERSION, 3);
     const glm::ivec2 corner = options.corner.value_or(glm::ivec2(static_cast<int>(SDL_WINDOWPOS_UNDEFINED)));
     unsigned flags = SDL_WINDOW_OPENGL | SDL_WINDOW_RESIZABLE;
-    if (options.fullScreen) {
+    if (options.fullScreen)
         flags |= SDL_WINDOW_FULLSCREEN_DESKTOP;
-    }
     window_ =
         SDL_CreateWindow(options.title.c_str(), corner.x, corner.y, options.size.x, options.size.y, flags);
-    if (!window_) {
+    if (!window_)
         return fail("no window with OpenGL");
-    }
     context_ = SDL_GL_CreateContext(window_);
-    if (!context_ || epoxy_gl_version() < 33) {
+    if (!context_ || epoxy_gl_version() < 33)
         return fail("no OpenGL 3.3");
-    }
     SDL_DisplayMode mode{};
-    const bool told = SDL_GetWindowDisplayMode(window_, &mode) == 0 && mode.refresh_rate > 0;
-    refreshRate_ = options.refreshRate > 0 ? options.refreshRate : told ? mode.refresh_rate : 60;
+    const int told = SDL_GetWindowDisplayMode(window_, &mode) == 0 ? mode.refresh_rate : 0;
+    refreshRate_ = options.refreshRate > 0 ? options.refreshRate : told;
+    if (refreshRate_ <= 0)
+        refreshRate_ = 60;
     findOutHowSwapsWait(options.phase);
     return true;
 }
@@ -82,9 +80,8 @@ void Window::findOutHowSwapsWait(double phase) {
                  waits ? "it waits for the refresh of a display of"
                        : "it does not wait for a refresh, so this program keeps a rate of its own of",
                  refreshRate_);
-    if (!waits) {
+    if (!waits)
         display_.emplace(refreshRate_, phase);
-    }
 }
 
 Window::~Window() {
@@ -105,13 +102,11 @@ double Window::present() {
 
 void Window::handleEvents(const std::function<void(int)>& onKey) {
     SDL_Event event;
-    while (SDL_PollEvent(&event) != 0) {
-        if (event.type == SDL_QUIT) {
+    while (SDL_PollEvent(&event) != 0)
+        if (event.type == SDL_QUIT)
             closed_ = true;
-        } else if (event.type == SDL_KEYDOWN && event.key.repeat == 0) {
+        else if (event.type == SDL_KEYDOWN && event.key.repeat == 0)
             onKey(event.key.keysym.sym);
-        }
-    }
 }
 
 glm::ivec2 Window::pixels() const {

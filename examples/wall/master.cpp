@@ -28,15 +28,13 @@ bool open(WallMaster& master, const WallMasterOptions& options) {
 // after having been stopped for a while.
 void skipMissedFrames(WallMaster& master) {
     const int present = static_cast<int>(kor::jTimer::getTimeSecond() / master.getFrameInterval());
-    if (present - master.getFrameID() > 300) {
+    if (present - master.getFrameID() > 300)
         master.setFrameID(present);
-    }
 }
 
 void obey(WallMaster& master, const std::string& line) {
-    if (const std::string complaint = master.command(line); !complaint.empty()) {
+    if (const std::string complaint = master.command(line); !complaint.empty())
         std::fprintf(stderr, "kor-wall-master: %s\n", complaint.c_str());
-    }
 }
 
 void tellStatus(WallMaster& master, Report& report, double now, bool quiet) {
@@ -55,36 +53,31 @@ void tellStatus(WallMaster& master, Report& report, double now, bool quiet) {
 
 void tellOrder(const CaptureOrder& order, Report& report, bool quiet) {
     report.add({{"type", "order"}, {"number", order.number}, {"position", order.position}});
-    if (!quiet) {
+    if (!quiet)
         std::printf("capture %d: position %.3f\n", order.number, order.position);
-    }
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     WallMasterOptions options;
-    if (const int status = parseWallMasterOptions(argc, argv, options); status >= 0) {
+    if (const int status = parseWallMasterOptions(argc, argv, options); status >= 0)
         return status;
-    }
     Report report;
-    if (!beginProgram(options, report)) {
+    if (!beginProgram(options, report))
         return kExitFailed;
-    }
 
     WallMaster master({options.wall[0], options.wall[1]}, options.lead);
     master.setFrameInterval(1 / options.rate);
-    if (!open(master, options)) {
+    if (!open(master, options))
         return kExitUsage;
-    }
     if (loggedErrors() > 0) {
         std::fprintf(stderr, "kor-wall-master: a port cannot be opened, see above\n");
         return kExitPortsInUse;
     }
     auto bars = nlohmann::ordered_json::array();
-    for (const CrossingBar& bar : crossingBars({options.wall[0], options.wall[1]})) {
+    for (const CrossingBar& bar : crossingBars({options.wall[0], options.wall[1]}))
         bars.push_back({{"colour", bar.colour}, {"speed", bar.speed}, {"track", bar.track}});
-    }
     report.add({{"type", "header"},
                 {"role", "wall-master"},
                 {"zero", kor::jTimer::getZeroOnSystemClock()},
@@ -99,11 +92,9 @@ int main(int argc, char** argv) {
     while (!stopRequested() && reported) {
         skipMissedFrames(master);
         master.swap(); // waits for the next frame and calls update()
-        if (options.commands) {
-            for (const std::string& line : input.take()) {
+        if (options.commands)
+            for (const std::string& line : input.take())
                 obey(master, line);
-            }
-        }
         if (master.order().number > toldOrder) {
             toldOrder = master.order().number;
             tellOrder(master.order(), report, options.quiet);
@@ -114,9 +105,8 @@ int main(int argc, char** argv) {
             tellStatus(master, report, now, options.quiet);
         }
         reported = report.flushIfDue(now);
-        if (options.seconds > 0 && now - start >= options.seconds) {
+        if (options.seconds > 0 && now - start >= options.seconds)
             break;
-        }
     }
     master.release();
     report.add({{"type", "end"}, {"frame", master.getFrameID()}});

@@ -29,22 +29,18 @@ public:
         const ShownFrame shown = slave_.shown();
         drawAll(shown);
         const std::vector<Held> held = takeShown(shown);
-        if (slave_.mode().overlay) {
+        if (slave_.mode().overlay)
             overlay_.draw(slave_);
-        }
         slave_.swapBegin(true);
         const double refresh = window_.present();
         slave_.swapEnd(true);
 
-        for (const Held& picture : held) {
+        for (const Held& picture : held)
             saveShown(picture, shown, refresh);
-        }
-        for (const Captures::Exact& exact : slave_.captures().takeExact()) {
+        for (const Captures::Exact& exact : slave_.captures().takeExact())
             saveExact(exact);
-        }
-        for (const std::string& text : slave_.captures().takeComplaints()) {
+        for (const std::string& text : slave_.captures().takeComplaints())
             output_.complain(text);
-        }
     }
 
     bool failed() const { return output_.failed(); }
@@ -66,26 +62,22 @@ private:
 
     void draw(const WallScene& scene, double position, const Camera& camera, const glm::ivec4& viewport) {
         const int number = position < 0 ? -1 : static_cast<int>(position);
-        if (slave_.mode().flash && number >= 0) {
+        if (slave_.mode().flash && number >= 0)
             Renderer::drawFlash(number, viewport);
-        } else {
+        else
             renderer_.draw(scene, camera, number, viewport);
-        }
     }
 
     void drawAll(const ShownFrame& shown) {
-        for (const Camera& camera : options_.cameras) {
+        for (const Camera& camera : options_.cameras)
             draw(slave_.scene(), shown.position, camera, viewportOf(camera));
-        }
     }
 
     std::vector<Held> takeShown(const ShownFrame& shown) {
         std::vector<Held> held;
-        while (const auto order = slave_.captures().nextShown(shown.refresh)) {
-            for (const Camera& camera : options_.cameras) {
+        while (const auto order = slave_.captures().nextShown(shown.refresh))
+            for (const Camera& camera : options_.cameras)
                 held.push_back({*order, &camera, readPicture(viewportOf(camera))});
-            }
-        }
         return held;
     }
 
@@ -135,9 +127,8 @@ Window::Options windowOptions(const WallSlaveOptions& options) {
 
 bool open(WallSlave& slave, const WallSlaveOptions& options) {
     kor::jVector<kor::jString> cameras;
-    for (const Camera& camera : options.cameras) {
+    for (const Camera& camera : options.cameras)
         cameras.push_back(kor::jString(camera.name));
-    }
     return slave.init(options.announcePort, options.port, kor::jString(options.name), cameras);
 }
 
@@ -164,17 +155,14 @@ void tellStatus(WallSlave& slave, Report& report, double now, const WallSlaveOpt
 
 int main(int argc, char** argv) {
     WallSlaveOptions options;
-    if (const int status = parseWallSlaveOptions(argc, argv, options); status >= 0) {
+    if (const int status = parseWallSlaveOptions(argc, argv, options); status >= 0)
         return status;
-    }
     Report report;
-    if (!beginProgram(options, report)) {
+    if (!beginProgram(options, report))
         return kExitFailed;
-    }
     const std::unique_ptr<Window> window = Window::open(windowOptions(options));
-    if (!window) {
+    if (!window)
         return kExitFailed;
-    }
 
     WallSlave slave;
     slave.setShowLog(options.verbose);

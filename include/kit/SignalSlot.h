@@ -1,11 +1,11 @@
 #pragma once
 
-#include <kit/jVector.h>
-#include <kit/TypeLabel.h>
-#include <support/CRC.h>
-#include <support/Export.h>
-#include <support/jAllocator.h>
-#include <support/memInfo.h>
+#include "../support/CRC.h"
+#include "../support/Export.h"
+#include "../support/jAllocator.h"
+#include "../support/memInfo.h"
+#include "jVector.h"
+#include "TypeLabel.h"
 
 #include <cassert>
 #include <cstdint>
@@ -130,17 +130,15 @@ public:
 
     /// Takes a reference to a handler, such as one that `clone` made; null gives the empty value.
     explicit Function(FunctionHandler<R, A>* shared) {
-        if (shared) {
+        if (shared)
             hold(shared);
-        }
     }
 
     /// @{
     /// A copy refers to the same handler.
     Function(const Function& other) : id(other.id), handler(other.handler) {
-        if (handler) {
+        if (handler)
             ++handler->refCount;
-        }
     }
 
     Function& operator=(const Function& other) {
@@ -186,30 +184,25 @@ struct TypeLabel<Function<Signature>> {
 template <class A, class Object, class C, class P>
 void connect(jVector<Function<void(A)>>& signal, Object* object, void (C::*method)(P)) {
     const Function<void(A)> slot(static_cast<C*>(object), method);
-    for (const Function<void(A)>& other : signal) {
-        if (other.id == slot.id) {
+    for (const Function<void(A)>& other : signal)
+        if (other.id == slot.id)
             return;
-        }
-    }
     signal.push_back(slot);
 }
 
 /// Calls every slot in the order of connection. Slots that a slot appends are called too.
 template <class A>
 void emitSignal(const jVector<Function<void(A)>>& signal, std::type_identity_t<A> argument) {
-    for (int i = 0; i < signal.count; ++i) {
-        if (FunctionHandler<void, A>* handler = signal.data[i].handler) {
+    for (int i = 0; i < signal.count; ++i)
+        if (FunctionHandler<void, A>* handler = signal.data[i].handler)
             handler->invoke(static_cast<A&&>(argument));
-        }
-    }
 }
 
 /// Releases every slot; the storage stays. Owners call it before the signal's destructor.
 template <class A>
 void releaseSlots(jVector<Function<void(A)>>& signal) {
-    for (Function<void(A)>& slot : signal) {
+    for (Function<void(A)>& slot : signal)
         slot.release();
-    }
     signal.count = 0;
 }
 

@@ -35,11 +35,9 @@ public:
 
 private:
     constexpr void append(std::string_view part) {
-        for (const char c : part) {
-            if (size_ < kCapacity) {
+        for (const char c : part)
+            if (size_ < kCapacity)
                 text_[size_++] = c;
-            }
-        }
     }
 
     std::array<char, kCapacity + 1> text_{};
@@ -93,7 +91,9 @@ struct TypeLabel<R(A)> {
 #define KOR_TYPE_LABEL(type, spelling)                                                                       \
     template <>                                                                                              \
     struct TypeLabel<type> {                                                                                 \
-        static constexpr LabelText text() { return LabelText(spelling); }                                    \
+        static constexpr LabelText text() {                                                                  \
+            return LabelText(spelling);                                                                      \
+        }                                                                                                    \
     }
 
 KOR_TYPE_LABEL(void, "void");

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <kit/TypeLabel.h>
-#include <support/Export.h>
-#include <support/jAllocator.h>
-#include <support/memInfo.h>
+#include "../support/Export.h"
+#include "../support/jAllocator.h"
+#include "../support/memInfo.h"
+#include "TypeLabel.h"
 
 #include <atomic>
 #include <cstddef>
@@ -58,22 +58,27 @@ public:
         return node;
     }
 
-    /// Removes a node and frees it. False, and nothing happens, when it is not in this list. Searches from
-    /// the head.
+    /// Removes and frees a node, searched from the head. False, and nothing happens, when it is not here.
     bool remove(Node* node) {
-        static const LabelText kLabel("jList<", TypeLabel<T>::text(), ">::remove");
         const Node* found = head;
-        while (found && found != node) {
+        while (found && found != node)
             found = found->next;
+        if (found)
+            unlink(node);
+        return found != nullptr;
+    }
+
+    /// Removes and frees every node for whose value `gone` returns true, asked once for each, head to tail.
+    /// `gone` may change the value and append to the list, but must not remove.
+    template <class Predicate>
+    void removeIf(Predicate gone) {
+        for (Node* node = head; node;) {
+            const bool goes = gone(node->value);
+            Node* next = node->next;
+            if (goes)
+                unlink(node);
+            node = next;
         }
-        if (!found) {
-            return false;
-        }
-        (node->prev ? node->prev->next : head) = node->next;
-        (node->next ? node->next->prev : tail) = node->prev;
-        freeNode(node, kLabel.c_str());
-        changeCount(-1);
-        return true;
     }
 
     /// Frees all nodes.
@@ -89,8 +94,7 @@ public:
         tail = nullptr;
     }
 
-    /// Number of nodes. May be read while another thread changes the list; then it is a value of a moment
-    /// ago.
+    /// Number of nodes. While another thread changes the list, a value of a moment ago.
     int size() const {
         return std::atomic_ref<std::int32_t>(const_cast<std::int32_t&>(count))
             .load(std::memory_order_acquire);
@@ -132,9 +136,16 @@ private:
     static constexpr const char* kFile = "include/kit/jList";
 
     void append(const jList& other) {
-        for (const T& value : other) {
+        for (const T& value : other)
             push_back(value);
-        }
+    }
+
+    void unlink(Node* node) {
+        static const LabelText kLabel("jList<", TypeLabel<T>::text(), ">::remove");
+        (node->prev ? node->prev->next : head) = node->next;
+        (node->next ? node->next->prev : tail) = node->prev;
+        freeNode(node, kLabel.c_str());
+        changeCount(-1);
     }
 
     static void freeNode(Node* node, const char* label) {

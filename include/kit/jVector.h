@@ -1,9 +1,9 @@
 #pragma once
 
-#include <kit/TypeLabel.h>
-#include <support/Export.h>
-#include <support/jAllocator.h>
-#include <support/memInfo.h>
+#include "../support/Export.h"
+#include "../support/jAllocator.h"
+#include "../support/memInfo.h"
+#include "TypeLabel.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -54,9 +54,8 @@ public:
     /// Appends the elements that the other vector holds at the call, in order; it may be this one.
     virtual void push_back(const jVector& other) {
         const std::int32_t n = other.count;
-        for (std::int32_t i = 0; i < n; ++i) {
+        for (std::int32_t i = 0; i < n; ++i)
             append(other.data[i]);
-        }
     }
 
     /// Appends one item, which may be an element of this vector. The result points to the new element until
@@ -73,9 +72,8 @@ public:
     /// there is room for, does only that.
     virtual void reserve(int n, bool keep) {
         if (n < 1 || capacity >= n) {
-            if (!keep) {
+            if (!keep)
                 count = 0;
-            }
             return;
         }
         if (keep) {
@@ -92,11 +90,11 @@ public:
 
     /// Makes room for more elements: 10 at first, then twice as many each time.
     virtual void grow() {
-        constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-        if (capacity == kMost) {
-            detail::allocationFailed(sizeof(T) * (std::size_t{kMost} + 1));
-        }
-        reallocate(capacity <= 0 ? 10 : capacity <= kMost / 2 ? 2 * capacity : kMost);
+        constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+        if (capacity == kMax)
+            detail::allocationFailed(sizeof(T) * (std::size_t{kMax} + 1));
+        const std::int32_t doubled = capacity <= kMax / 2 ? 2 * capacity : kMax;
+        reallocate(capacity > 0 ? doubled : 10);
     }
 
     /// Moves the elements into new storage of n slots, but never of fewer than `count`.
@@ -113,8 +111,7 @@ public:
     /// True when no element is in use.
     bool empty() const { return count == 0; }
     /// @{
-    /// From the first element up to behind the last; null when there is no storage. Valid until the storage
-    /// changes.
+    /// From the first element up to behind the last; null without storage. Valid until the storage changes.
     T* begin() { return data; }
     T* end() { return data + count; }
     const T* begin() const { return data; }
@@ -160,15 +157,13 @@ private:
     void appendItems(const T* items, int n) {
         const bool own = holds(items);
         const std::ptrdiff_t first = own ? items - data : 0;
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0; i < n; ++i)
             append(own ? data[first + i] : items[i]);
-        }
     }
 
     void assign(const jVector& other) {
-        if (this == &other) {
+        if (this == &other)
             return;
-        }
         count = 0;
         if (other.count > 0) {
             reserve(other.count, false);
@@ -201,9 +196,8 @@ private:
     }
 
     void freeStorage(const char* label) {
-        if (data) {
+        if (data)
             destroyStorage(data, capacity, label);
-        }
         data = nullptr;
         count = 0;
         capacity = 0;

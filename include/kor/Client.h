@@ -1,13 +1,13 @@
 #pragma once
 
-#include <kit/jVector.h>
-#include <kor/detail/ClientIdentity.h>
-#include <kor/detail/SharedValue.h>
-#include <kor/KorData.h>
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/RTAddr.h>
-#include <support/RTHandlers.h>
+#include "../kit/jVector.h"
+#include "../support/Export.h"
+#include "../support/jString.h"
+#include "../support/RTAddr.h"
+#include "../support/RTHandlers.h"
+#include "detail/ClientIdentity.h"
+#include "detail/SharedValue.h"
+#include "KorData.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -23,9 +23,10 @@ class ClientRecords;
 
 /// Whether the endpoint counts a slave in when it asks for finished sends.
 enum KOR_CLIENT_STATE : int {
-    KOR_CLIENT_STATE_INACTIVE =
-        0,                      ///< left out of `KorServer::isClientsSendOver`; only an application sets it
-    KOR_CLIENT_STATE_ACTIVE = 1 ///< set at construction, by every received packet and by every finished send
+    /// Left out of `KorServer::isClientsSendOver`; only an application sets it.
+    KOR_CLIENT_STATE_INACTIVE = 0,
+    /// Set at construction, by every received packet and by every finished send.
+    KOR_CLIENT_STATE_ACTIVE = 1
 };
 
 /// The master's record of one connected slave, and the packet handler of that slave's connection.
@@ -40,11 +41,12 @@ enum KOR_CLIENT_STATE : int {
 /// References from `getName` and `getCamNames` stay readable until the application's next `KorServer::wait`,
 /// even when the slave introduces itself anew; so does the record itself after its slave has gone.
 ///
-/// Limits: once 64 MiB or 65536 packets wait to be taken, further ones are dropped and counted. An
-/// introduction over 16 KiB is not taken in, and of those that follow each other between two waits of the
-/// endpoint only 16.
+/// Limits: drops and counts packets over `setMaxQueuedBytes` and introductions over `kMaxIntroductionBytes`.
 class KOR_API Client : public RTPacketHandler {
 public:
+    /// Longest introduction that is taken in.
+    static constexpr int kMaxIntroductionBytes = 64 << 10;
+
     Client();
 
     /// @{
@@ -198,8 +200,18 @@ public:
     /// Frees all received packets. Hold the lock.
     void clearData();
 
-    /// Packets dropped because too many were waiting.
+    /// @{
+    /// Memory that received packets may take until somebody takes them, in bytes: their own, and 128 for each
+    /// packet. 64 MiB by default. A packet that finds no room is dropped; those queued stay. Atomic.
+    std::size_t getMaxQueuedBytes() const { return maxQueuedBytes; }
+    void setMaxQueuedBytes(std::size_t bytes) { maxQueuedBytes = bytes; }
+    /// @}
+
+    /// Packets dropped because there was no room for them.
     std::uint64_t getDroppedPackets() const { return droppedPackets; }
+
+    /// Introductions dropped because they were over `kMaxIntroductionBytes`.
+    std::uint64_t getRefusedIntroductions() const { return refusedIntroductions; }
 
 private:
     friend class KorLogicServer;
@@ -228,11 +240,12 @@ private:
     int disconnectTimes = 0;
     bool debugSendOver = false;
 
+    detail::SharedValue<std::size_t> maxQueuedBytes{std::size_t{64} << 20};
     std::size_t queuedBytes = 0;
     bool dropping = false;
     detail::SharedValue<std::uint64_t> droppedPackets{0};
-    detail::SharedValue<bool> retired{false}; // no longer listed by the endpoint, freed soon
-    detail::SharedValue<bool> held{false};    // a registry of slaves points here, so do not free it yet
+    detail::SharedValue<std::uint64_t> refusedIntroductions{0};
+    detail::SharedValue<bool> retired{false}; // no longer listed, freed by the endpoint's next wait
 };
 
 } // namespace kor

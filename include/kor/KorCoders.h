@@ -1,9 +1,9 @@
 #pragma once
 
-#include <support/BufferReader.h>
-#include <support/BufferWriter.h>
-#include <support/Export.h>
-#include <support/vec.h>
+#include "../support/BufferReader.h"
+#include "../support/BufferWriter.h"
+#include "../support/Export.h"
+#include "../support/vec.h"
 
 namespace kor {
 

@@ -1,13 +1,15 @@
 #pragma once
 
-#include <kit/jList.h>
-#include <kit/jVector.h>
-#include <kor/detail/SharedValue.h>
-#include <kor/KorClient.h>
-#include <kor/KorData.h>
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/RTAddr.h>
+#include "../kit/jList.h"
+#include "../kit/jVector.h"
+#include "../support/Export.h"
+#include "../support/jString.h"
+#include "../support/RTAddr.h"
+#include "detail/SharedValue.h"
+#include "KorClient.h"
+#include "KorData.h"
+
+#include <cstdint>
 
 namespace kor {
 
@@ -36,19 +38,24 @@ class KOR_API KorLogicClient {
 public:
     /// What became of a `wait`.
     enum WAIT_RESULT {
-        WAIT_NONE = 0, ///< nothing to show: no master, its clock is not known yet, or neither frame is there
-        WAIT_LERP = 1, ///< both frames were there
-        WAIT_HIT = 2,  ///< only the earlier frame was there and was applied
-        WAIT_OVER_HIT = 3, ///< only the later frame was there and was applied in its place
-        WAIT_OLD_FRAME = 4 ///< for a `wait` of a derived class: `swapEnd` then waits again
+        /// Nothing to show: no master, its clock is not known yet, or neither frame is there.
+        WAIT_NONE = 0,
+        /// Both frames were there.
+        WAIT_LERP = 1,
+        /// Only the earlier frame was there and was applied.
+        WAIT_HIT = 2,
+        /// Only the later frame was there and was applied in its place.
+        WAIT_OVER_HIT = 3,
+        /// For a `wait` of a derived class: `swapEnd` then waits again.
+        WAIT_OLD_FRAME = 4
     };
 
     KorLogicClient();
     KorLogicClient(const KorLogicClient&) = delete;
     KorLogicClient& operator=(const KorLogicClient&) = delete;
 
-    /// Local time in seconds by which the frame that the last `wait` applied is due, just behind the vsync
-    /// that it was chosen for; -1 after a `wait` that found none.
+    /// Local time in seconds by which the frame that the last `wait` applied is due: just behind
+    /// `getFrameDeadlineExpected` as `applyData` left it; -1 after a `wait` that found none.
     virtual double getFrameDeadline() const;
 
     /// Frame that was applied last, fractional between two; -1 when none was since the last reset.
@@ -76,8 +83,7 @@ public:
     /// @}
 
     /// @{
-    /// Safety margin in seconds by which the expected vsync lies before one interval after the swap; 0.009 by
-    /// default.
+    /// Margin in seconds by which the expected vsync lies before one interval after the swap; default 0.009.
     virtual float getUnstableError() const;
     virtual void setUnstableError(float seconds);
     /// @}
@@ -86,8 +92,7 @@ public:
     virtual bool isInit() const;
 
     /// @{
-    /// Whether `wait` and `swapEnd` log frames that were missing and swaps that took too long; true by
-    /// default.
+    /// Whether `wait` and `swapEnd` log missing frames and swaps that took too long; true by default.
     virtual bool isShowLog() const;
     virtual void setShowLog(bool show);
     /// @}
@@ -138,6 +143,9 @@ public:
     /// Number of blocks kept for later frames.
     virtual int getNumCache() const;
 
+    /// Blocks that left the cache unseen because it was full; see `process_data`.
+    std::uint64_t getDroppedBlocks() const { return droppedBlocks; }
+
     /// Forgets the frame state and frees every block, received or cached; the next `wait` calls `on_clear`.
     /// Hold the endpoint's lock.
     virtual void clearState();
@@ -169,8 +177,11 @@ protected:
     /// in full.
     ///
     /// A block without a `Begin` record is logged as an error and left where it is, and logged again by every
-    /// later call, until the endpoint's list is cleared. While 512 MiB or 65536 blocks are cached, early ones
-    /// stay where they are too.
+    /// later call, until the endpoint's list is cleared.
+    ///
+    /// The cache keeps to half of `KorClient::getMaxBlockBytes`, so that what arrives always finds room: the
+    /// blocks furthest ahead are dropped, counted, and logged once for each connection. None up to the later
+    /// frame is.
     virtual void process_data(int earlierFrame, int laterFrame);
 
     /// Applies (unless `applied`) and frees every cached block before that frame.
@@ -205,6 +216,7 @@ private:
     void send_report(RTUser& master, const Position& position) const;
     WAIT_RESULT apply_neighbours(const Position& position);
     WAIT_RESULT apply_everything();
+    void trim_cache(int presentFrame);
     void free_client();
 
     jVector<int> cmds;
@@ -222,6 +234,8 @@ private:
     double swapEndTime = -1.0;
     double swapBeginTimeLast = -1.0;
     double swapEndTimeLast = -1.0;
+    detail::SharedValue<std::uint64_t> droppedBlocks{0};
+    bool warnedOfFullCache = false;
 };
 
 } // namespace kor

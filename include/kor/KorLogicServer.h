@@ -1,13 +1,14 @@
 #pragma once
 
-#include <kit/jVector.h>
-#include <kit/SignalSlot.h>
-#include <kor/KorServer.h>
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/RTAddr.h>
+#include "../kit/jVector.h"
+#include "../kit/SignalSlot.h"
+#include "../support/Export.h"
+#include "../support/jString.h"
+#include "../support/RTAddr.h"
+#include "KorServer.h"
 
 #include <atomic>
+#include <thread>
 
 namespace kor {
 
@@ -28,9 +29,10 @@ namespace kor {
 /// boundary and calls `update` once for each frame that has begun.
 ///
 /// Threads: the connection events run on the connection layer's thread, everything else belongs to the one
-/// thread that calls `swap`. The lookups take no lock and work on the registry of the moment; a `Slave`, and
-/// the `Client` behind it, stays readable for that thread until its next `wait` or `swap`, even when the
-/// slave has gone meanwhile.
+/// thread that calls `swap`. The lookups take no lock. From the end of the `wait` in a `swap` to the end of
+/// its last `update` they show that thread one and the same registry: slaves, order and names. Between
+/// frames, and on every other thread, they show the present one. A `Slave`, and the `Client` behind it, stays
+/// readable for that thread until its next `wait` outside a frame, the logic's or the endpoint's.
 ///
 /// Lifetime: `init`, `swap` once per frame, `release`. A destructor of the base releases what is still open,
 /// but the events may by then no longer reach the overrides of a derived class: release first. Not copyable.
@@ -174,12 +176,17 @@ protected:
     int slaveLock = 0;           ///< taken after the endpoint's lock, never before
 
 private:
+    class FrameView;
+
     void publish_slaves();
-    void free_departed();
+    bool let_go();
     void forget_slaves();
     void read_reports();
     bool next_frame(int& target) const;
+    bool in_frame() const;
+    const jVector<Slave*>& present() const;
     const jVector<Slave*>& listed() const;
+    static const jString* name_of(const Slave& slave);
 
     double frameInterval = 1.0 / 60.0;
     double frameTime = 0.0;
@@ -202,10 +209,32 @@ public:
     jVector<Function<void(const RTAddr&)>> slaveRemoveSignal;
 
 private:
-    std::atomic<const jVector<Slave*>*> published{
-        nullptr};                                  // what the lookups read; never changed, only replaced
-    jVector<const jVector<Slave*>*> departedLists; // these two are freed by the next wait
+    // A slave's name, or none; keeps its memory.
+    struct FrameName {
+        static constexpr const char* kTypeLabel = "struct KorLogicServer::FrameName";
+
+        const jString* get() const { return given ? &text : nullptr; }
+        void set(const jString* name) {
+            given = name != nullptr;
+            if (name)
+                text = *name;
+        }
+
+        bool given = false;
+        jString text;
+    };
+
+    // The present registry: never changed, only replaced.
+    std::atomic<const jVector<Slave*>*> published{nullptr};
+
+    // Freed by the next wait.
+    jVector<const jVector<Slave*>*> departedLists;
     jVector<Slave*> departedSlaves;
+
+    // What the lookups of one thread show during its frame; the thread is none between frames.
+    std::atomic<std::thread::id> frameThread{};
+    const jVector<Slave*>* frameSlaves = nullptr;
+    jVector<FrameName> frameNames;
 };
 
 } // namespace kor

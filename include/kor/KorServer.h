@@ -1,14 +1,15 @@
 #pragma once
 
-#include <kit/jVector.h>
-#include <kit/SignalSlot.h>
-#include <kor/Client.h>
-#include <kor/detail/SharedValue.h>
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/RTAddr.h>
-#include <support/RTHandlers.h>
+#include "../kit/jVector.h"
+#include "../kit/SignalSlot.h"
+#include "../support/Export.h"
+#include "../support/jString.h"
+#include "../support/RTAddr.h"
+#include "../support/RTHandlers.h"
+#include "Client.h"
+#include "detail/SharedValue.h"
 
+#include <functional>
 #include <memory>
 
 namespace kor {
@@ -172,6 +173,7 @@ private:
     bool remove_client_by_addr(const RTAddr& addr);
     bool open_announcement(const jString& ip, unsigned short sendPort, unsigned short bindPort);
     void forget_clients();
+    Client* connected_client(const RTAddr& addr) const;
     detail::ClientRecords& ownRecords();
 
     RTNet* net = nullptr;
@@ -186,7 +188,12 @@ private:
     detail::SharedValue<KorServerHandler*> handler{nullptr};
     jVector<Function<void(Client*&&)>> clientIdleSignal;
 
-    std::shared_ptr<detail::ClientRecords> records; // frees the records; made with the first one
+    // Owns the records; made with the first one.
+    std::shared_ptr<detail::ClientRecords> records;
+
+    // Takes away a registry's pointers to records that have gone; false when it cannot for the moment. Called
+    // with the lock held.
+    std::function<bool()> letGoOfRetired;
 };
 
 } // namespace kor

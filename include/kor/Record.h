@@ -1,8 +1,8 @@
 #pragma once
 
-#include <support/BufferReader.h>
-#include <support/BufferWriter.h>
-#include <support/Export.h>
+#include "../support/BufferReader.h"
+#include "../support/BufferWriter.h"
+#include "../support/Export.h"
 
 namespace kor {
 

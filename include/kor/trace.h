@@ -13,6 +13,6 @@
 /// adds: `Trace::frameSent` or a `TraceSpan` around its drawing. `kor-trace-merge` joins the files of all
 /// processes to one time line.
 
-#include <kor/trace/Trace.h>
-#include <kor/trace/TracedMaster.h>
-#include <kor/trace/TracedSlave.h>
+#include "trace/Trace.h"
+#include "trace/TracedMaster.h"
+#include "trace/TracedSlave.h"

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <support/Export.h>
+#include "Export.h"
 
 namespace kor {
 
 /// Writes values one behind the other into memory of the caller: little-endian, IEEE 754, no padding.
 ///
-/// A value that does not fit is not stored: the write returns false and the position stays. For one thread at
-/// a time.
+/// A value that does not fit is not stored: the write returns false, the position stays. For one thread.
 class KOR_API BufferWriter {
 public:
     /// Writes into `capacity` bytes at `block`, which must outlive the writer. Position 0. A null block or a

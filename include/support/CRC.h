@@ -1,6 +1,6 @@
 #pragma once
 
-#include <support/Export.h>
+#include "Export.h"
 
 #include <cstdint>
 

@@ -17,12 +17,12 @@ struct NetOptions {
     bool batchSend = true;                       ///< false: no sendmmsg
     bool batchReceive = true;                    ///< false: no recvmmsg
     bool kernelTimeStamps = true;                ///< false: arrival is when we read the datagram
-    bool warmSends =
-        true; ///< false: a datagram after a rest leaves late, and its time stamp is early by that
-    /// False: never wait for more. While single datagrams bring a packet close upon each other and at least
-    /// 64 KiB of it are still to come, all that comes is read every 0.03 ms. With 16 connections or more,
-    /// what comes while only acknowledgements come (and the delivery notices in them) is read every 0.1 ms,
-    /// and packets that follow others within 0.05 ms leave together.
+    /// False: the first datagram after some milliseconds of sleep leaves late, and its time stamp is early
+    /// by that.
+    bool warmSends = true;
+    /// False: never wait for more. With 16 connections or more, what comes while only acknowledgements come
+    /// (and the delivery notices in them) is read every 0.1 ms, and short packets that follow others within
+    /// 0.05 ms leave together.
     bool gather = true;
 };
 

@@ -4,11 +4,10 @@
 
 namespace kor {
 
-/// Datagrams dropped because of what they held, by reason. Every byte from the network is checked in one
-/// decoder.
+/// Datagrams dropped because of what they held, by reason.
 struct MalformedCounters {
     std::uint64_t tooShort = 0;          ///< shorter than the fixed header
-    std::uint64_t checksum = 0;          ///< check sum does not fit
+    std::uint64_t checksum = 0;          ///< checksum does not fit
     std::uint64_t unknownKind = 0;       ///< no such datagram kind or protocol version
     std::uint64_t badFrame = 0;          ///< a frame that is cut off or breaks the format
     std::uint64_t unknownConnection = 0; ///< a connection id that is not (or no longer) ours
@@ -24,10 +23,10 @@ struct ConnectionStatistics {
     double timeOffsetBound = 0;         ///< bound on its error
     double clockSkew = 0;               ///< parts per million by which the peer's clock runs faster than ours
     std::uint64_t packetsSent = 0;      ///< packets of the application accepted for sending
-    std::uint64_t packetsDelivered = 0; ///< packets of ours that the peer has handed up
-    std::uint64_t packetsReceived = 0;  ///< packets of the peer handed up
+    std::uint64_t packetsDelivered = 0; ///< packets of ours that the peer has consumed
+    std::uint64_t packetsReceived = 0;  ///< packets of the peer consumed
     std::uint64_t bytesSent = 0;        ///< of application packets accepted for sending
-    std::uint64_t bytesReceived = 0;    ///< of application packets handed up
+    std::uint64_t bytesReceived = 0;    ///< of application packets consumed
     std::uint64_t wireBytesSent = 0;    ///< datagram bytes, headers of this layer included
     std::uint64_t wireBytesReceived = 0; ///< the same, received
     std::uint64_t datagramsSent = 0;     ///< UDP datagrams sent
@@ -64,7 +63,7 @@ struct NetStatistics {
     bool warmSends = false;               ///< in use: time stamps do not leave through a cold processor
     std::uint32_t receiveBufferBytes = 0; ///< granted by the kernel
     std::uint32_t sendBufferBytes = 0;    ///< granted by the kernel
-    std::uint64_t gatherings = 0; ///< rests taken so that datagrams come together (`NetOptions::gather`)
+    std::uint64_t gatherings = 0;         ///< waits that let datagrams come together (`NetOptions::gather`)
 };
 
 } // namespace kor

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/jString.h>
+#include "Export.h"
+#include "jString.h"
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/RTAddr.h>
+#include "Export.h"
+#include "RTAddr.h"
 
 #include <cstdint>
 
@@ -74,8 +74,7 @@ public:
     /// A packet has arrived, whole, once and in the order sent.
     virtual void onPacket(RTUser* user, Packet* packet) = 0;
 
-    /// The peer's layer has handed a packet of ours up to its application. Exactly one call per delivered
-    /// packet.
+    /// The peer's application has consumed a packet of ours. Exactly one call per delivered packet.
     virtual void onSendOver(RTUser* user, RS_SendPacketsQueue* send) = 0;
 
 protected:

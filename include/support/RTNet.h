@@ -1,14 +1,14 @@
 #pragma once
 
-#include <kit/jVector.h>
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/jThread.h>
-#include <support/NetOptions.h>
-#include <support/NetStatistics.h>
-#include <support/RTAddr.h>
-#include <support/RTHandlers.h>
-#include <support/RTUser.h>
+#include "../kit/jVector.h"
+#include "Export.h"
+#include "jString.h"
+#include "jThread.h"
+#include "NetOptions.h"
+#include "NetStatistics.h"
+#include "RTAddr.h"
+#include "RTHandlers.h"
+#include "RTUser.h"
 
 #include <cstdint>
 #include <memory>
@@ -55,8 +55,7 @@ public:
     NET_CONNECT_ATTEMPT_RET connect(const jString& ip, unsigned short port, int attemptMilliseconds,
                                     int attempts);
 
-    /// The connection to that peer, null when there is none. Never null for a peer while its `onConnect` with
-    /// true runs.
+    /// The connection to that peer, null when there is none. Not null while its `onConnect` with true runs.
     RTUser* getUserByAddr(const RTAddr& addr);
 
     /// The local ports in use, in the order of `init`; tells which one port 0 became.
@@ -104,8 +103,7 @@ public:
     /// @}
 
     /// @{
-    /// Round trips over this many milliseconds tell nothing about the peer's clock and are left out; default
-    /// 1000.
+    /// Round trips over this many milliseconds are left out of the peer's clock; default 1000.
     virtual double getMaxValidPingTime();
     virtual void setMaxValidPingTime(double milliseconds);
     /// @}

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/NetStatistics.h>
-#include <support/RTAddr.h>
+#include "Export.h"
+#include "NetStatistics.h"
+#include "RTAddr.h"
 
 #include <cstdint>
 #include <memory>
@@ -41,8 +41,7 @@ public:
     /// The same figures for programs.
     ConnectionStatistics getStatistics() const;
 
-    /// Bound on the error of `getTimeOffset`, in milliseconds; 0 while that is unknown. Grows while nothing
-    /// is heard.
+    /// Bound on the error of `getTimeOffset` in milliseconds, growing with silence; 0 while that is unknown.
     double getTimeOffsetErrorBound() const;
 
     /// Parts per million by which the peer's clock runs faster than ours; 0 while unknown.

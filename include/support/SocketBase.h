@@ -1,7 +1,7 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/jStream.h>
+#include "Export.h"
+#include "jStream.h"
 
 #include <memory>
 

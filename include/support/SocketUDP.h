@@ -1,8 +1,8 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/SocketBase.h>
+#include "Export.h"
+#include "jString.h"
+#include "SocketBase.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <support/Export.h>
+#include "Export.h"
 
 #include <cstdint>
 
@@ -23,8 +23,7 @@ public:
     /// Stops: the next reading counts up to now, later ones are 0.
     void stop();
 
-    /// Seconds since the previous reading, or since `start` for the first one. Readings added up give the
-    /// whole time.
+    /// Seconds since the previous reading, or `start`. Readings added up give the whole time.
     double getElapsed();
 
 private:

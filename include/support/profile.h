@@ -1,8 +1,8 @@
 #pragma once
 
-#include <support/Export.h>
-#include <support/jString.h>
-#include <support/vec.h>
+#include "Export.h"
+#include "jString.h"
+#include "vec.h"
 
 #include <functional>
 

@@ -88,7 +88,7 @@ bool BroadcastSocket::openReception(int bufferBytes) {
     return !shut_;
 }
 
-/// A filter is the only way: the smallest receive buffer that the kernel sets still takes a few datagrams.
+/// Only a filter does that: the smallest receive buffer that the kernel sets still takes a few datagrams.
 bool BroadcastSocket::refuseAll() {
     sock_filter dropEverything = BPF_STMT(BPF_RET | BPF_K, 0);
     const sock_fprog program{1, &dropEverything};

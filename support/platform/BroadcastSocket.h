@@ -1,8 +1,9 @@
 #pragma once
 
-#include "support/net/Time.h"
 #include "support/platform/FileDescriptor.h"
 #include "support/platform/SocketAddress.h"
+#include "support/Time.h"
+#include "support/Tracked.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +21,8 @@ std::string formatIPv4(std::uint32_t ip);
 /// UDP socket for announcements: may send to broadcast addresses, and reception can be shut without a trace
 /// of what came meanwhile. Blocking until told otherwise. Every operation on a closed socket fails. Not
 /// thread-safe.
-class BroadcastSocket {
+class BroadcastSocket
+    : public TrackedNew<"support/platform/BroadcastSocket", "BroadcastSocket::BroadcastSocket"> {
 public:
     bool open();
     void close();
@@ -34,8 +36,7 @@ public:
     /// Drops what is queued and all that comes, until `openReception`.
     bool shutReception();
 
-    /// Sets the receive buffer and takes in datagrams again: those that reach this host from now on, and none
-    /// before.
+    /// Sets the receive buffer and takes in datagrams again, but only those that reach this host from now on.
     bool openReception(int bufferBytes);
 
     /// Takes the next datagram that is not empty, cut to the room given. Returns its bytes stored, 0 when

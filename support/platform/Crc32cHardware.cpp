@@ -16,7 +16,7 @@ namespace kor::detail {
 namespace {
 
 constexpr std::size_t kMaxWords = 128; // per stream and round
-constexpr std::size_t kLeastWords = 4; // per stream; shorter data is done faster in one stream
+constexpr std::size_t kMinWords = 4;   // per stream; shorter data is done faster in one stream
 constexpr std::size_t kWordBytes = 8;
 
 static_assert(2 * kMaxWords < kCrc32cShifts.size());
@@ -27,8 +27,7 @@ std::uint64_t load64(const std::uint8_t* from) {
     return word;
 }
 
-/// Run through the CRC instruction, a CRC multiplied with element n of the shifts is moved past n words of
-/// zero.
+/// With element n of the shifts, and put through the CRC instruction: the CRC moved past n words of zero.
 [[gnu::target("sse4.2,pclmul")]] std::uint64_t multiply(std::uint64_t crc, std::uint32_t shift) {
     const __m128i product = _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<long long>(crc)),
                                                  _mm_cvtsi64_si128(static_cast<long long>(shift)), 0);
@@ -75,7 +74,7 @@ template <typename To>
 [[gnu::target("sse4.2,pclmul")]] std::uint32_t sum(std::uint32_t crc, const std::uint8_t* data,
                                                    std::size_t size, To copyTo, std::size_t readable) {
     std::uint64_t wide = ~crc;
-    while (size >= 3 * kLeastWords * kWordBytes) {
+    while (size >= 3 * kMinWords * kWordBytes) {
         const std::size_t words = std::min(size / (3 * kWordBytes), kMaxWords);
         const std::size_t bytes = 3 * words * kWordBytes;
         fetchAhead(data, bytes, readable);
@@ -95,20 +94,6 @@ template <typename To>
     return ~result;
 }
 
-/// Moves a CRC past `size` bytes of zero.
-[[gnu::target("sse4.2,pclmul")]] std::uint32_t moved(std::uint32_t crc, std::size_t size) {
-    std::uint64_t wide = crc;
-    while (size >= kWordBytes) {
-        const std::size_t words = std::min(size / kWordBytes, 2 * kMaxWords);
-        wide = _mm_crc32_u64(0, multiply(wide, kCrc32cShifts[words]));
-        size -= words * kWordBytes;
-    }
-    auto result = static_cast<std::uint32_t>(wide);
-    for (; size > 0; --size)
-        result = _mm_crc32_u8(result, 0);
-    return result;
-}
-
 } // namespace
 
 bool crc32cHardwareAvailable() {
@@ -123,10 +108,6 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::s
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
                                  std::uint8_t* copyTo, std::size_t following) {
     return sum(crc, data, size, copyTo, size + following);
-}
-
-std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t back, std::size_t backSize) {
-    return moved(front, backSize) ^ back;
 }
 
 } // namespace kor::detail
@@ -146,10 +127,6 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t*, std::size_t
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t*, std::size_t, std::uint8_t*,
                                  std::size_t) {
     return crc;
-}
-
-std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t, std::size_t) {
-    return front;
 }
 
 } // namespace kor::detail

@@ -21,7 +21,4 @@ std::uint32_t crc32cHardware(std::uint32_t crc, const std::uint8_t* data, std::s
 std::uint32_t crc32cHardwareCopy(std::uint32_t crc, const std::uint8_t* data, std::size_t size,
                                  std::uint8_t* copyTo, std::size_t following);
 
-/// The sum of two parts: `front` is that of the first, `back` that of the second alone, of `backSize` bytes.
-std::uint32_t crc32cHardwareJoin(std::uint32_t front, std::uint32_t back, std::size_t backSize);
-
 } // namespace kor::detail

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kStep = 64; // one register
 constexpr std::size_t kRound = 4 * kStep;
-static_assert(kCrc32cWideLeast >= kRound);
+static_assert(kMinCrc32cWideBytes >= kRound);
 
 /// Moves 128 bits ahead by a multiple of 64 bits: factors for their first half and their second.
 KOR_WIDE __m128i factors(std::size_t bytes) {
@@ -55,11 +55,11 @@ KOR_WIDE __m512i pass(const std::uint8_t* from, [[maybe_unused]] std::uint8_t* c
 KOR_WIDE std::uint64_t reduce(__m512i sum) {
     alignas(64) __m128i pieces[4];
     _mm512_store_si512(pieces, sum);
-    __m128i rest = pieces[0];
+    __m128i folded = pieces[0];
     for (std::size_t i = 1; i != std::size(pieces); ++i)
-        rest = fold(rest, factors(sizeof rest), pieces[i]);
-    const std::uint64_t crc = _mm_crc32_u64(0, static_cast<std::uint64_t>(_mm_cvtsi128_si64(rest)));
-    return _mm_crc32_u64(crc, static_cast<std::uint64_t>(_mm_extract_epi64(rest, 1)));
+        folded = fold(folded, factors(sizeof folded), pieces[i]);
+    const std::uint64_t crc = _mm_crc32_u64(0, static_cast<std::uint64_t>(_mm_cvtsi128_si64(folded)));
+    return _mm_crc32_u64(crc, static_cast<std::uint64_t>(_mm_extract_epi64(folded, 1)));
 }
 
 template <bool kCopies>

@@ -10,7 +10,7 @@ namespace {
 
 constexpr int kTries = 4;
 constexpr Nanoseconds kGoodBracket = kMicrosecond;
-constexpr Nanoseconds kLeastStep = 10 * kMicrosecond;
+constexpr Nanoseconds kMinStep = 10 * kMicrosecond;
 constexpr Nanoseconds kPerDrift = 10'000; // our clock may gain or lose a nanosecond in so many
 
 } // namespace
@@ -37,7 +37,7 @@ ClockPair readClockPair() {
 void KernelStamps::update(const ClockPair& now) {
     const Nanoseconds step = elapsed(now.wall - now.ours, now_.wall - now_.ours);
     const Nanoseconds passed = elapsed(now.ours, now_.ours);
-    const Nanoseconds doubt = kLeastStep + now.bracket + now_.bracket + (passed > 0 ? passed / kPerDrift : 0);
+    const Nanoseconds doubt = kMinStep + now.bracket + now_.bracket + (passed > 0 ? passed / kPerDrift : 0);
     if (started_ && (step > doubt || step < -doubt))
         distrustUntil_ = now.ours + kMaxAge;
     now_ = now;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/net/Time.h"
+#include "support/Time.h"
 
 namespace kor::detail {
 

@@ -1,5 +1,7 @@
 #include "support/platform/Poller.h"
 
+#include "support/Tracked.h"
+
 #include <linux/futex.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -25,7 +27,13 @@ timespec toTimespec(Nanoseconds duration) {
 
 void futex(std::atomic<int>& word, int operation, int value, const timespec* wait) {
     static_assert(sizeof word == sizeof(int));
-    ::syscall(SYS_futex, &word, operation, value, wait, nullptr, 0);
+#if defined(SYS_futex_time64)
+    // A 32-bit system has a call for each width of time_t.
+    constexpr long call = sizeof(time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+#else
+    constexpr long call = SYS_futex;
+#endif
+    ::syscall(call, &word, operation, value, wait, nullptr, 0);
 }
 
 } // namespace
@@ -53,7 +61,7 @@ bool Waker::beginSleep(State how) {
 }
 
 void Waker::napUntil(Nanoseconds end) {
-    const Nanoseconds now = clockNow(); // compared first: the distance to kNow is none
+    const Nanoseconds now = clockNow(); // compared first, as kNow would overflow the difference
     if (end <= now || !beginSleep(napping))
         return;
     const timespec wait = toTimespec(end - now);
@@ -65,7 +73,7 @@ bool Waker::endSleep() {
     return state_.exchange(awake, std::memory_order_acq_rel) == woken;
 }
 
-struct Poller::Watches {
+struct Poller::Watches : TrackedNew<"support/platform/Poller", "Poller::Poller"> {
     struct Watch {
         int fd = -1;
         std::uint32_t wanted = 0;

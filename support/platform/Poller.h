@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/net/Time.h"
 #include "support/platform/FileDescriptor.h"
+#include "support/Time.h"
 
 #include <atomic>
 #include <cstddef>
@@ -75,8 +75,8 @@ public:
     /// The same for so many nanoseconds, whatever the waker does too.
     void pause(Nanoseconds duration);
 
-    /// What the last `wait` found, or what is supposed since a rest. A socket with a pending error counts as
-    /// readable.
+    /// What the last `wait` found, or what is supposed since a nap or a pause. A socket with a pending error
+    /// counts as readable.
     bool readable(std::size_t index) const;
     bool writable(std::size_t index) const;
     bool woken() const { return woken_; }

@@ -1,9 +1,11 @@
 #pragma once
 
-#include "support/net/Time.h"
 #include "support/platform/SocketAddress.h"
+#include "support/Time.h"
+#include "support/Tracked.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,8 +17,8 @@ namespace kor::detail {
 /// be shorter) that it joined.
 struct ReceivedRun {
     SocketAddress from;
-    std::span<const std::uint8_t>
-        bytes;                   ///< all datagrams back to back; valid until the batch is filled again
+    /// All datagrams back to back; valid until the batch is filled again.
+    std::span<const std::uint8_t> bytes;
     std::size_t segmentSize = 0; ///< size of each datagram but the last; never 0 unless `bytes` is empty
     Nanoseconds arrival = 0;     ///< of the first of them, on our clock; never later than its reading
     bool stamped = false;        ///< the arrival is the kernel's; else it is the time of reading
@@ -50,19 +52,22 @@ public:
 
     std::size_t size() const { return count_; }
     const ReceivedRun& operator[](std::size_t i) const { return runs_[i]; }
-    const ReceivedRun* begin() const { return runs_.get(); }
-    const ReceivedRun* end() const { return runs_.get() + count_; }
+    const ReceivedRun* begin() const { return runs_.data(); }
+    const ReceivedRun* end() const { return runs_.data() + count_; }
 
 private:
     friend class UdpSocket;
     struct Headers;
+    struct Slots : TrackedNew<"support/platform/ReceiveBatch", "ReceiveBatch::ReceiveBatch"> {
+        std::array<std::uint8_t, kSlots * kSlotBytes> bytes;
+    };
 
     void reset();
-    std::uint8_t* slot(std::size_t i) { return bytes_.get() + i * kSlotBytes; }
+    std::uint8_t* slot(std::size_t i) { return slots_->bytes.data() + i * kSlotBytes; }
 
-    std::unique_ptr<std::uint8_t[]> bytes_;
+    std::unique_ptr<Slots> slots_;
     std::unique_ptr<Headers> headers_;
-    std::unique_ptr<ReceivedRun[]> runs_;
+    std::array<ReceivedRun, kSlots> runs_;
     std::size_t count_ = 0;
 };
 

@@ -7,7 +7,7 @@
 
 namespace kor::detail {
 
-/// Warms up a datagram's way into the network.
+/// Warms up a datagram's path through this host.
 ///
 /// A processor that has slept for some milliseconds has gone cold: the first datagram then leaves 20 to 40
 /// microseconds after the time stamp that it carries, the next ones 2. So the first one goes to ourselves,

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "support/net/Time.h"
 #include "support/platform/SocketAddress.h"
+#include "support/Time.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -31,8 +31,7 @@ inline bool setOption(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof value) == 0;
 }
 
-/// True for what an earlier datagram met on its way, which the system reports at the next call instead of
-/// doing it.
+/// True for the fate of an earlier datagram, which the system reports at the next call instead of doing it.
 inline bool isPendingError(int error) {
     return error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH || error == EHOSTDOWN ||
            error == EPROTO;

@@ -67,8 +67,7 @@ void UdpSocket::close() {
 
 /// Before the port is bound, so that no datagram comes in under other rules.
 bool UdpSocket::configure(const UdpSocketOptions& options) {
-    // "Probe" sets don't-fragment and measures against the interface's MTU alone: no forged message can
-    // shrink it.
+    // "Probe" sets don't-fragment and goes by the interface's MTU alone, which no forged message shrinks.
     if (!setOption(fd(), IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_PROBE))
         return false;
     features_.receiveBufferBytes = setBufferSize(fd(), SO_RCVBUF, SO_RCVBUFFORCE, options.receiveBufferBytes);

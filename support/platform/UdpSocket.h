@@ -4,6 +4,7 @@
 #include "support/platform/KernelStamps.h"
 #include "support/platform/ReceiveBatch.h"
 #include "support/platform/SocketAddress.h"
+#include "support/Tracked.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,8 +13,8 @@
 
 namespace kor::detail {
 
-/// Sizes and switches of one socket. A switch set to false keeps the plain way; one set to true is used where
-/// the kernel offers it.
+/// Sizes and switches of one socket. A switch set to false keeps to the plain calls; one set to true is used
+/// where the kernel offers it.
 struct UdpSocketOptions {
     std::uint32_t receiveBufferBytes = 8u << 20; ///< asked of the kernel; 0 keeps the system's default
     std::uint32_t sendBufferBytes = 4u << 20;    ///< asked of the kernel; 0 keeps the system's default
@@ -24,8 +25,7 @@ struct UdpSocketOptions {
     bool kernelTimeStamps = true;                ///< arrival times from the kernel
 };
 
-/// What the socket makes use of at the moment. A switch goes off, for good, when the kernel refuses its
-/// service.
+/// What the socket uses at the moment. A switch goes off for good when the kernel refuses its service.
 struct UdpSocketFeatures {
     bool segmentationOffload = false;
     bool receiveOffload = false;
@@ -45,7 +45,7 @@ struct UdpSocketCounters {
 enum class SendResult : std::uint8_t {
     sent,    ///< handed to the kernel
     blocked, ///< the kernel has no room now; try again when the socket is writable, or shortly
-    tooBig,  ///< larger than the way out of this host takes in one piece
+    tooBig,  ///< larger than the outgoing interface takes in one piece
     failed   ///< no route, forbidden, or the like; trying again at once will not help
 };
 
@@ -59,7 +59,7 @@ struct OutDatagram {
 /// A datagram over the MTU of the interface is refused as `tooBig` instead. What routers (or forgers) report
 /// about the path's MTU is not believed: the connection layer finds it out by itself. Not thread-safe:
 /// belongs to one thread.
-class UdpSocket {
+class UdpSocket : public TrackedNew<"support/platform/UdpSocket", "UdpSocket::UdpSocket"> {
 public:
     static constexpr std::size_t kMaxDatagramBytes = 65507;
 
@@ -88,10 +88,10 @@ public:
     /// first that has not (so datagrams[sentCount] is to be skipped or tried again), or `sent`.
     SendResult sendBatch(std::span<const OutDatagram> datagrams, std::size_t& sentCount);
 
-    /// Takes in what is waiting, `most` runs of it (1 to ReceiveBatch::kSlots), replacing what the batch
-    /// held. Returns its size; when that is less, nothing more was waiting. To find that out costs as much as
-    /// half a datagram.
-    std::size_t receive(ReceiveBatch& batch, std::size_t most = ReceiveBatch::kSlots);
+    /// Takes in what is waiting, at most `maxRuns` runs (1 to ReceiveBatch::kSlots), replacing what the
+    /// batch held. Returns its size; when that is less, nothing more was waiting. To find that out costs as
+    /// much as half a datagram.
+    std::size_t receive(ReceiveBatch& batch, std::size_t maxRuns = ReceiveBatch::kSlots);
 
     const UdpSocketFeatures& features() const { return features_; }
     /// What has been counted up to now.
@@ -102,8 +102,8 @@ private:
     bool sendSegmented(const SocketAddress& to, std::span<const std::uint8_t> bytes, std::size_t segmentSize);
     template <class DatagramAt>
     SendResult sendEach(std::size_t count, std::size_t& sent, DatagramAt datagramAt);
-    std::size_t receiveMany(ReceiveBatch& batch, std::size_t most);
-    std::size_t receiveOneByOne(ReceiveBatch& batch, std::size_t most);
+    std::size_t receiveMany(ReceiveBatch& batch, std::size_t maxRuns);
+    std::size_t receiveOneByOne(ReceiveBatch& batch, std::size_t maxRuns);
     void describe(ReceiveBatch& batch, std::size_t slot);
 
     FileDescriptor fd_;

@@ -9,7 +9,7 @@
 
 namespace kor::detail {
 
-struct ReceiveBatch::Headers {
+struct ReceiveBatch::Headers : TrackedNew<"support/platform/ReceiveBatch", "ReceiveBatch::ReceiveBatch"> {
     static constexpr std::size_t kControlBytes = 128;
 
     struct alignas(cmsghdr) Control {
@@ -28,8 +28,7 @@ struct ReceiveBatch::Headers {
             reset(i, bytesAt(i));
     }
 
-    /// Makes a slot's header ready to receive; the kernel changes the lengths in it each time it fills the
-    /// slot.
+    /// Makes a slot's header ready to receive; the kernel changes the lengths in it when it fills the slot.
     void reset(std::size_t i, std::uint8_t* bytes) {
         vectors[i] = {bytes, kSlotBytes};
         messages[i] = {};
@@ -44,9 +43,8 @@ struct ReceiveBatch::Headers {
 };
 
 ReceiveBatch::ReceiveBatch()
-    : bytes_(new std::uint8_t[kSlots * kSlotBytes]), // left unset, so that pages are touched only by use
+    : slots_(new Slots), // left unset, so that pages are touched only by use
       headers_(std::make_unique<Headers>()),
-      runs_(std::make_unique<ReceivedRun[]>(kSlots)),
       count_(kSlots) {
     reset();
 }
@@ -58,10 +56,10 @@ void ReceiveBatch::reset() {
 
 ReceiveBatch::~ReceiveBatch() = default;
 
-std::size_t UdpSocket::receive(ReceiveBatch& batch, std::size_t most) {
+std::size_t UdpSocket::receive(ReceiveBatch& batch, std::size_t maxRuns) {
     batch.reset();
     const std::size_t received =
-        features_.batchReceive ? receiveMany(batch, most) : receiveOneByOne(batch, most);
+        features_.batchReceive ? receiveMany(batch, maxRuns) : receiveOneByOne(batch, maxRuns);
     batch.count_ = received;
     if (received == 0)
         return 0;
@@ -71,9 +69,9 @@ std::size_t UdpSocket::receive(ReceiveBatch& batch, std::size_t most) {
     return received;
 }
 
-std::size_t UdpSocket::receiveMany(ReceiveBatch& batch, std::size_t most) {
+std::size_t UdpSocket::receiveMany(ReceiveBatch& batch, std::size_t maxRuns) {
     const int received = retried(counters_.systemCallsReceive, [&] {
-        return ::recvmmsg(fd(), batch.headers_->messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT,
+        return ::recvmmsg(fd(), batch.headers_->messages.data(), static_cast<unsigned>(maxRuns), MSG_DONTWAIT,
                           nullptr);
     });
     batch.headers_->changed = received > 0 ? static_cast<std::size_t>(received) : 0;
@@ -82,12 +80,12 @@ std::size_t UdpSocket::receiveMany(ReceiveBatch& batch, std::size_t most) {
     if (errno != ENOSYS && errno != EPERM)
         return 0;
     features_.batchReceive = false;
-    return receiveOneByOne(batch, most);
+    return receiveOneByOne(batch, maxRuns);
 }
 
-std::size_t UdpSocket::receiveOneByOne(ReceiveBatch& batch, std::size_t most) {
+std::size_t UdpSocket::receiveOneByOne(ReceiveBatch& batch, std::size_t maxRuns) {
     std::size_t count = 0;
-    for (; count < most; ++count) {
+    for (; count < maxRuns; ++count) {
         mmsghdr& message = batch.headers_->messages[count];
         const auto length = retried(counters_.systemCallsReceive,
                                     [&] { return ::recvmsg(fd(), &message.msg_hdr, MSG_DONTWAIT); });

@@ -87,14 +87,14 @@ SendResult UdpSocket::sendTrain(const SocketAddress& to, std::span<const std::ui
         features_.segmentationOffload = false;
     }
 
-    const auto rest = bytes.subspan(sentBytes);
+    const auto remainder = bytes.subspan(sentBytes);
     std::size_t sent = 0;
     const SendResult result =
-        sendEach((rest.size() + segmentSize - 1) / segmentSize, sent, [&](std::size_t i) {
+        sendEach((remainder.size() + segmentSize - 1) / segmentSize, sent, [&](std::size_t i) {
             const std::size_t begin = i * segmentSize;
-            return OutDatagram{to, rest.subspan(begin, std::min(segmentSize, rest.size() - begin))};
+            return OutDatagram{to, remainder.subspan(begin, std::min(segmentSize, remainder.size() - begin))};
         });
-    sentBytes += std::min(rest.size(), sent * segmentSize);
+    sentBytes += std::min(remainder.size(), sent * segmentSize);
     return result;
 }
 

@@ -48,9 +48,8 @@ bool framesAreRecorded() {
     kor::Trace trace;
     kor::TracedMaster<Master> master(trace);
     kor::TracedSlave<Slave> slave(trace);
-    if (!trace.begin({.process = "consumer"})) {
+    if (!trace.begin({.process = "consumer"}))
         return false;
-    }
     master.swap();
     slave.wait(0);
     return trace.counts().recorded >= 2 && trace.write("/dev/null");

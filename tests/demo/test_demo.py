@@ -3,33 +3,18 @@
 No figure that depends on how busy the machine is, is looked at.
 """
 
-import io
 import json
-import os
 import signal
 import socket
 import struct
-import subprocess
 import tempfile
-import time
 import unittest
 from pathlib import Path
-from types import SimpleNamespace
 
-from demo_process import BUILD, PATIENCE, finish, group_lives, start
-
-
-def run_program(name, *arguments):
-    return subprocess.run(
-        [str(BUILD / "examples" / name), *map(str, arguments)],
-        stdin=subprocess.DEVNULL,
-        capture_output=True,
-        text=True,
-        timeout=PATIENCE,
-    )
+from demo_process import PATIENCE, ProcessTest, Processes, group_lives, start_demo
 
 
-class Run(unittest.TestCase):
+class Run(ProcessTest):
     def assert_percentiles(self, figures):
         self.assertEqual(list(figures), ["p50", "p99", "max"])
         self.assertLessEqual(0, figures["p50"])
@@ -83,13 +68,11 @@ class Run(unittest.TestCase):
         self.assertTrue([value for value in known if abs(value - worst) < 0.01], worst)
 
     def demo(self, *arguments):
-        with tempfile.TemporaryDirectory() as folder:
-            file = Path(folder) / "figures.json"
-            process = start("--grace", PATIENCE / 2, "--json", file, *arguments)
-            output, errors = finish(process)
-            self.assertEqual(process.returncode, 0, output + errors)
-            self.assertFalse(group_lives(process.pid), "a process was left behind")
-            return json.loads(file.read_text()), output
+        file = self.folder / "figures.json"
+        process = self.start_demo("--grace", PATIENCE / 2, "--json", file, *arguments)
+        self.finish(process)
+        self.assertFalse(group_lives(process), "a process was left behind")
+        return json.loads(file.read_text()), process.output.text
 
     def test_two_slaves(self):
         summary, output = self.demo("--slaves", 2, "--seconds", 3)
@@ -104,28 +87,9 @@ class Run(unittest.TestCase):
         self.assertEqual(summary["disagreement_frames"], {"p50": None, "p99": None, "max": None})
 
     def test_two_at_once_do_not_meet(self):
-        demos = [start("--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2) for _ in range(2)]
+        demos = [self.start_demo("--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2) for _ in range(2)]
         for demo in demos:
-            output, errors = finish(demo)
-            self.assertEqual(demo.returncode, 0, output + errors)
-
-
-class SlowStart(unittest.TestCase):
-    """A process that has not come to its first line when the time is over."""
-
-    def test_says_who(self):
-        with tempfile.TemporaryDirectory() as folder:
-            programs = Path(folder) / "examples"
-            programs.mkdir()
-            (programs / "kor-master").symlink_to(BUILD / "examples" / "kor-master")
-            slave = programs / "kor-slave"
-            slave.write_text("#!/bin/sh\nexec sleep 3600\n")
-            slave.chmod(0o755)
-            process = start("--build", folder, "--slaves", 1, "--seconds", 1)
-            _, errors = finish(process)
-            self.assertEqual(process.returncode, 1)
-            self.assertIn("slave-1", errors)
-            self.assertNotIn("Traceback", errors)
+            self.finish(demo)
 
 
 class Proof(unittest.TestCase):
@@ -138,10 +102,10 @@ class Proof(unittest.TestCase):
         cls.folder = Path(scratch.name)
         files = ["--json", cls.folder / "figures.json", "--trace", cls.folder / "trace.json"]
         files += ["--plot", cls.folder / "new" / "plots"]
-        demo = start("--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2, *files)
-        output, errors = finish(demo)
-        if demo.returncode != 0:
-            raise AssertionError(output + errors)
+        with Processes() as processes:
+            demo = start_demo(processes, "--slaves", 2, "--seconds", 2, "--grace", PATIENCE / 2, *files)
+            processes.wait_for_end([demo])
+        assert demo.status == 0, demo.describe_end()
         cls.figures = json.loads((cls.folder / "figures.json").read_text())
         cls.trace = json.loads((cls.folder / "trace.json").read_text())
         cls.events = cls.trace["traceEvents"]
@@ -205,134 +169,48 @@ class Proof(unittest.TestCase):
                 self.assertLess(arrived[event["args"]["frame"]]["ts"], event["ts"])
 
 
-class End(unittest.TestCase):
+class End(ProcessTest):
     """However the demo is ended, its processes end too."""
 
-    def end_by(self, number):
-        process = start("--slaves", 2, "--seconds", 3600)
-        process.stdout.readline()  # something is running
-        process.send_signal(number)
-        finish(process)
-        deadline = time.monotonic() + PATIENCE
-        while group_lives(process.pid):
-            self.assertLess(time.monotonic(), deadline, "a process was left behind")
-            time.sleep(0.05)
-        return process.returncode
-
-    def test_interrupt(self):
-        self.assertEqual(self.end_by(signal.SIGINT), 130)
-
-    def test_terminate(self):
-        self.assertEqual(self.end_by(signal.SIGTERM), 130)
-
-    def test_kill(self):
-        self.assertEqual(self.end_by(signal.SIGKILL), -signal.SIGKILL)
+    def test_by_every_signal(self):
+        for number, status in ((signal.SIGINT, 130), (signal.SIGTERM, 130), (signal.SIGKILL, -signal.SIGKILL)):
+            with self.subTest(signal=number):
+                demo = self.start_demo("--slaves", 2, "--seconds", 3600)
+                self.processes.wait_until(lambda: demo.output.text, "the first line")  # something is running
+                demo.signal(number)
+                self.finish(demo, status)
+                self.processes.wait_until(lambda: not group_lives(demo), "the end of every process")
 
 
-class Table(unittest.TestCase):
-    """Nothing that is asked for falls off a narrow terminal."""
-
-    def lines(self, width):
-        from kordemo.samples import MasterStream, SlaveStream
-        from kordemo.screen import live_table
-        from rich.console import Console
-
-        slave = SlaveStream()
-        slave.header = {"name": "slave-1", "cameras": ["left", "front"]}
-        slave.last = {"position": 6543.21, "ping_ms": 0.02, "offset_ms": -123.456, "bound_ms": 0.01, "cache": 78}
-        cluster = SimpleNamespace(
-            master=MasterStream(), slaves=[slave], plan=SimpleNamespace(rate=60.0, lead=2)
-        )
-        console = Console(width=width, record=True, file=io.StringIO())
-        console.print(live_table(cluster, 1, 10, width))
-        return console.export_text()
-
-    def test_is_whole_at_any_usual_width(self):
-        for width in (60, 77, 78, 80, 120):
-            with self.subTest(width=width):
-                text = self.lines(width)
-                for part in ("slave-1", "left", "front", "-123.456", "6,543.21", "78"):
-                    self.assertIn(part, text)
-
-
-class Arguments(unittest.TestCase):
-    def test_bad_arguments_of_the_demo(self):
-        for arguments in (
-            ["--slaves", "0"],
-            ["--slaves", "many"],
-            ["--seconds", "nan"],
-            ["--seconds", "-1"],
-            ["--lead", "1.5"],
-            ["--rate", "0"],
-            ["--payload", "1000000000000"],
-            ["--json", "/nowhere/figures.json"],
-            ["--trace", "/nowhere/trace.json"],
-            ["--plot", "/dev/null/plots"],
-            ["--logs", "/dev/null/logs"],
-            ["--pictures", "/dev/null/pictures"],
-            ["--wall", "--payload", "5"],
-            ["--unknown"],
-        ):
+class Arguments(ProcessTest):
+    def test_bad_arguments(self):
+        for arguments in (["--seconds", "nan"], ["--json", "/nowhere/figures.json"], ["--wall", "--payload", "5"]):
             with self.subTest(arguments=arguments):
-                process = start(*arguments)
-                _, errors = finish(process)
-                self.assertEqual(process.returncode, 2, errors)
-                self.assertIn(arguments[0], errors)
-                self.assertNotIn("Traceback", errors)
-
-    def test_plots_need_gnuplot(self):
-        with tempfile.TemporaryDirectory() as empty:
-            process = start("--plot", empty, env={**os.environ, "PATH": empty})
-            _, errors = finish(process)
-            self.assertEqual(process.returncode, 2)
-            self.assertIn("gnuplot is not installed", errors)
-
-    def test_programs_explain_themselves(self):
-        for program in ("kor-master", "kor-slave"):
-            result = run_program(program, "--help")
-            self.assertEqual(result.returncode, 0, result.stderr)
-            self.assertIn("--report", result.stdout)
-            self.assertIn("Exit status", result.stdout)
-
-    def test_bad_arguments_of_the_programs(self):
-        for command in (
-            ["kor-master", "--rate", "0"],
-            ["kor-master", "--lead", "-1"],
-            ["kor-master", "--payload", "4000000000"],
-            ["kor-master", "--data-ports", "70000"],
-            ["kor-master", "--data-ports", "7300,7301"],
-            ["kor-master", "--broadcast", "127.0.0.1"],
-            ["kor-master", "--broadcast", "network.255"],
-            ["kor-slave", "--announce-port", "0"],
-            ["kor-slave", "--camera", "x" * 300],
-            ["kor-slave", "--rate", "nan"],
-            ["kor-slave", "surplus"],
+                self.assertIn(arguments[0], self.finish(self.start_demo(*arguments), 2))
+        for part, *command in (
+            ("--payload", "kor-master", "--payload", "4000000000"),
+            ("ports", "kor-master", "--data-ports", "7300,7301"),
+            ("broadcast", "kor-master", "--broadcast", "network.255"),
+            ("--camera", "kor-slave", "--camera", "x" * 300),
+            ("--rate", "kor-slave", "--rate", "nan"),
         ):
             with self.subTest(command=command):
-                result = run_program(*command, "--seconds", "1")
-                self.assertEqual(result.returncode, 2, result.stderr)
-                self.assertTrue(result.stderr)
+                self.assert_refused(2, part, *command)
 
-    def test_report_that_cannot_be_written(self):
-        for program in ("kor-master", "kor-slave"):
-            result = run_program(program, "--report", "/nowhere/report", "--seconds", 1)
-            self.assertEqual(result.returncode, 1)
-            self.assertIn("/nowhere/report", result.stderr)
-
-    def test_ports_in_use(self):
+    def test_ports_in_use_and_a_report_that_cannot_be_written(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as taken:
             taken.bind(("", 0))
-            port = taken.getsockname()[1]
-            for command in (
-                ["kor-master", "--data-ports", port],
-                ["kor-master", "--bind-ports", port],
-                ["kor-slave", "--announce-port", port],
-                ["kor-slave", "--port", port],
+            port = str(taken.getsockname()[1])
+            for program, option in (
+                ("kor-master", "--data-ports"),
+                ("kor-master", "--bind-ports"),
+                ("kor-slave", "--announce-port"),
+                ("kor-slave", "--port"),
             ):
-                with self.subTest(command=command):
-                    result = run_program(*command, "--seconds", 1)
-                    self.assertEqual(result.returncode, 3, result.stderr)
-                    self.assertIn(str(port), result.stderr)
+                with self.subTest(option=option):
+                    self.assert_refused(3, port, program, option, port, "--seconds", 1)
+        for program in ("kor-master", "kor-slave"):
+            self.assert_refused(1, "/nowhere/report", program, "--report", "/nowhere/report", "--seconds", 1)
 
 
 if __name__ == "__main__":

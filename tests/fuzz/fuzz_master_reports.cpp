@@ -1,11 +1,11 @@
 #include "tests/unit/EndpointFixture.h"
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <kor/KorLogicServer.h>
 #include <kor/KorServer.h>
 #include <support/memInfo.h>
 
-#include <fuzzer/FuzzedDataProvider.h>
+#include <FuzzedDataProvider.h>
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,10 +1,10 @@
 #include "tests/unit/EndpointFixture.h"
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include <kor/KorLogicClient.h>
 #include <support/memInfo.h>
 
-#include <fuzzer/FuzzedDataProvider.h>
+#include <FuzzedDataProvider.h>
 
 #include <cstdlib>
 

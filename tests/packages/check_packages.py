@@ -7,24 +7,21 @@ much of is found by dpkg. No network, and no privileges beyond fakeroot's.
 """
 
 import argparse
-import json
 import os
 import shutil
 import subprocess
 import sys
 import tarfile
 import tempfile
-import time
 from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(SOURCE / "tools"))
 
-from kordemo.cluster import free_ports
+from korprocess import PATIENCE, ProcessError, Processes, Reports
 
 BASE = ("libc6", "libgcc-s1", "libstdc++6")
 PACKAGES = ("libkor1", "libkor-dev", "kor-tools", "kor-doc")
-PATIENCE = 120  # seconds, for whatever must happen at some time
 # The packages are not meant for Debian's archive, whose first upload closes a bug; and a build folder that is not
 # configured for /usr has no library folder per architecture.
 SUPPRESSED = "initial-upload-closes-no-bugs,pkg-config-unavailable-for-cross-compilation"
@@ -131,41 +128,23 @@ def check_pkg_config(root, scratch, compiler):
     print("with pkg-config:", run(scratch / "main", env=environment, timeout=PATIENCE).strip())
 
 
-def locked_once(report):
-    """True when a slave's report tells of a wait that was answered from two frames."""
-    if not report.exists():
-        return False
-    for line in report.read_text().splitlines(keepends=True):
-        if line.endswith("\n") and json.loads(line).get("result") == "lerp":
-            return True
-    return False
-
-
-def check_tools(root, scratch):
+def check_tools(root):
     programs = sorted((root.folder / "usr/bin").iterdir())
     environment = {**os.environ, "LD_LIBRARY_PATH": str(root.find("libkor.so.1").parent)}
     for program in programs:
         run(program, "--help", env=environment, timeout=PATIENCE)
         root.find(f"{program.name}.1.gz")
-    announce, bind, data = free_ports(3)
-    report = scratch / "slave.json"
-    commands = (
-        ["kor-master", "--announce-ports", announce, "--bind-ports", bind, "--data-ports", data, "--quiet"],
-        ["kor-slave", "--announce-port", announce, "--report", report, "--quiet"],
-    )
-    running = []
-    try:
-        for name, *arguments in commands:
-            running.append(subprocess.Popen([root.folder / "usr/bin" / name, *map(str, arguments)], env=environment))
-        end = time.monotonic() + PATIENCE
-        while not locked_once(report):
-            check(all(process.poll() is None for process in running), "an installed program has ended")
-            check(time.monotonic() < end, "the installed programs did not lock")
-            time.sleep(0.1)
-    finally:
-        for process in running:
-            process.kill()
-            process.wait()
+    with Processes() as processes:
+        announce, bind, data = processes.claim_ports(3)
+        ports = ["--announce-ports", announce, "--bind-ports", bind, "--data-ports", data]
+        slave = Reports()
+        for name, arguments, reports in (
+            ("kor-master", ports, Reports()),
+            ("kor-slave", ["--announce-port", announce], slave),
+        ):
+            command = [root.folder / "usr/bin" / name, *arguments, "--quiet", "--report", "/dev/fd/{pipe}"]
+            processes.start(name, command, pipe=reports, environment=environment)
+        processes.wait_until(lambda: slave.status.get("lerp"), "the lock of the installed programs")
     print(f"run: {', '.join(program.name for program in programs)}; the slave locked to the master")
 
 
@@ -187,7 +166,7 @@ def make(build, scratch):
     for config in ("CPackConfig.cmake", "CPackSourceConfig.cmake"):
         try:
             run("cpack", "--config", build / config, "-B", scratch / "out", cwd=build)
-        except Failure as failure:
+        except (Failure, ProcessError) as failure:
             logs = sorted((scratch / "out").rglob("InstallOutput.log"))
             raise Failure("\n".join([str(failure), *(log.read_text() for log in logs)])) from None
     return scratch / "out"
@@ -206,7 +185,7 @@ def check_all(folder, scratch, compiler):
     check_install(root, packages)
     check_cmake(root, scratch, compiler)
     check_pkg_config(root, scratch, compiler)
-    check_tools(root, scratch)
+    check_tools(root)
     check_removal(root)
     check_source(archives[0], scratch, compiler)
 
@@ -224,7 +203,7 @@ def main():
             scratch = Path(folder)
             packages = arguments.folder or make(arguments.build.resolve(), scratch)
             check_all(packages, scratch, arguments.compiler)
-    except Failure as failure:
+    except (Failure, ProcessError) as failure:
         print(f"check_packages: {failure}", file=sys.stderr)
         return 1
     return 0

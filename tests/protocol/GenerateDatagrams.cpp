@@ -52,7 +52,7 @@ json ackFields(const AckFrame& ack) {
     json ranges = json::array();
     for (std::size_t i = 0; i < ack.rangeCount; ++i)
         ranges.push_back(json::array({ack.ranges[i].last, ack.ranges[i].count}));
-    return {{"delayMicroseconds", ack.delayMicroseconds}, {"handedUp", ack.handedUp}, {"ranges", ranges}};
+    return {{"delayMicroseconds", ack.delayMicroseconds}, {"consumed", ack.consumed}, {"ranges", ranges}};
 }
 
 json timeFields(const TimeFrame& time) {
@@ -108,7 +108,9 @@ void print(const Bytes& bytes, DecodeError verdict, const DecodedDatagram& meani
 }
 
 std::size_t randomLimit(Random& random) {
-    return random.oneIn(100) ? kMaxDatagramBytes : random.oneIn(5) ? 1472 + random.below(8000) : 300;
+    if (random.oneIn(100))
+        return kMaxDatagramBytes;
+    return random.oneIn(5) ? 1472 + random.below(8000) : 300;
 }
 
 /// Valid ones with what was put in, broken ones with what the library makes of them.

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/net/Crc32c.h"
-#include "support/net/Datagram.h"
-#include "support/net/LittleEndian.h"
+#include "support/net/wire/Crc32c.h"
+#include "support/net/wire/Datagram.h"
+#include "support/net/wire/LittleEndian.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -44,7 +44,7 @@ inline bool sameMeaning(const AckFrame& a, const AckFrame& b) {
     const auto sameRange = [](const AckFrame::Range& x, const AckFrame::Range& y) {
         return x.last == y.last && x.count == y.count;
     };
-    return a.delayMicroseconds == b.delayMicroseconds && a.handedUp == b.handedUp &&
+    return a.delayMicroseconds == b.delayMicroseconds && a.consumed == b.consumed &&
            std::equal(a.ranges.begin(), a.ranges.begin() + a.rangeCount, b.ranges.begin(),
                       b.ranges.begin() + b.rangeCount, sameRange);
 }
@@ -131,13 +131,15 @@ inline Bytes encode(const DecodedDatagram& meaning, std::size_t size, Random* sh
     DatagramWriter writer{std::span(out).first(size), id, meaning.header.fromInitiator, meaning.number};
     std::size_t fragment = 0;
     bool written = true;
-    for (const char frame : order) {
-        written = written && (frame == 'f'   ? writer.addFragment(meaning.fragments[fragment++])
-                              : frame == 'a' ? writer.addAck(*meaning.ack)
-                              : frame == 't' ? writer.addTime(*meaning.time)
-                              : frame == 'p' ? writer.addPing()
-                                             : writer.addClose());
-    }
+    for (const char frame : order)
+        if (frame == 'f')
+            written = written && writer.addFragment(meaning.fragments[fragment++]);
+        else if (frame == 'a')
+            written = written && writer.addAck(*meaning.ack);
+        else if (frame == 't')
+            written = written && writer.addTime(*meaning.time);
+        else
+            written = written && (frame == 'p' ? writer.addPing() : writer.addClose());
     if (meaning.padding)
         written = written && writer.addPaddingTo(size);
     return written ? cut(writer.finish()) : Bytes{};
@@ -153,7 +155,7 @@ struct Sample {
 inline AckFrame randomAck(Random& random) {
     AckFrame ack;
     ack.delayMicroseconds = static_cast<std::uint32_t>(random.edgy());
-    ack.handedUp = static_cast<std::uint32_t>(random.edgy());
+    ack.consumed = static_cast<std::uint32_t>(random.edgy());
     ack.rangeCount = 1 + random.below(random.oneIn(3) ? kMaxAckRanges : 3);
     const std::size_t longest = random.oneIn(3) ? 0xFFFF : 20;
     auto last = static_cast<std::uint32_t>(random.oneIn(2) ? random.edgy() : random.below(300));
@@ -223,7 +225,7 @@ inline Sample randomSample(Random& random, std::size_t limit) {
     return sample;
 }
 
-/// Makes the check sum fit again, so that what was changed reaches the checks behind it.
+/// Makes the checksum fit again, so that what was changed reaches the checks behind it.
 inline void fixChecksum(Bytes& bytes) {
     if (bytes.size() >= kHeaderBytes)
         store32(bytes.data(), crc32c(std::span(bytes).subspan(4)));

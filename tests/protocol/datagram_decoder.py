@@ -112,7 +112,7 @@ def decode_fragment(cursor):
 
 
 def decode_ack(cursor):
-    largest, delay, handed_up, range_count, length = cursor.take("IIIBH")
+    largest, delay, consumed, range_count, length = cursor.take("IIIBH")
     require(1 <= range_count <= 32 and length >= 1)
     ranges = [[largest, length]]
     for _ in range(range_count - 1):
@@ -120,7 +120,7 @@ def decode_ack(cursor):
         require(missing >= 1 and next_length >= 1)
         last, length = ranges[-1]
         ranges.append([(last - length - missing) % 2**32, next_length])
-    return {"delayMicroseconds": delay, "handedUp": handed_up, "ranges": ranges}
+    return {"delayMicroseconds": delay, "consumed": consumed, "ranges": ranges}
 
 
 def decode_time(cursor):

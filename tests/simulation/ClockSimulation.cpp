@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -18,12 +19,13 @@ constexpr std::uint64_t kRuns = testing_support::kSanitized ? 10 : 100;
 constexpr double kMicrosecond = 1e3;
 constexpr double kMillisecond = 1e6;
 
-/// What must hold in every single run. Nanoseconds.
+/// What the median run keeps, and every single one within three times. Nanoseconds.
 struct Limits {
     double p50 = 0;          ///< of the error from two seconds on
     double p99 = 0;          ///< the same
     double afterASecond = 0; ///< the error one second after the offset became known
 };
+constexpr double kEveryRun = 3;
 
 struct Case {
     ClockScenario scenario;
@@ -36,6 +38,16 @@ void PrintTo(const Case& test, std::ostream* out) {
 
 Way quiet() {
     return {};
+}
+
+/// Every datagram is late by something between these two.
+Way jitter(double least, double most) {
+    Way way;
+    way.base = least;
+    way.noise = 0;
+    way.loadedFraction = 1;
+    way.queue = most - least;
+    return way;
 }
 
 /// A queue of up to a millisecond before nine of ten datagrams.
@@ -66,7 +78,7 @@ std::vector<Case> cases() {
 
     Case lossy = make("LostProbes", 8, quiet(), quiet(), idle);
     lossy.scenario.loss = 0.2;
-    lossy.limits.afterASecond = 30 * kMicrosecond;
+    lossy.limits.afterASecond = 20 * kMicrosecond;
     all.push_back(lossy);
 
     Case held = make("HeldLong", 20, quiet(), quiet(), idle);
@@ -98,6 +110,25 @@ std::vector<Case> cases() {
     far.noise = 0.5 * kMillisecond;
     all.push_back(
         make("FarAway", 8, far, far, {100 * kMicrosecond, 400 * kMicrosecond, 1000 * kMicrosecond}));
+
+    // With stamps on every frame of 60 Hz and its report.
+    all.push_back(make("FramesClean", 60, quiet(), quiet(), idle));
+    Way late;
+    late.loadedFraction = 0.05;
+    late.queue = 6 * kMillisecond;
+    Case lost =
+        make("FramesLateAndLost", 60, late, late, {2 * kMicrosecond, 6 * kMicrosecond, 60 * kMicrosecond});
+    lost.scenario.loss = 0.05;
+    all.push_back(lost);
+    const Way narrow = jitter(0.1 * kMillisecond, 0.2 * kMillisecond);
+    all.push_back(make("FramesNarrowJitter", 60, narrow, narrow,
+                       {1 * kMicrosecond, 4 * kMicrosecond, 20 * kMicrosecond}));
+    const Way wider = jitter(0.1 * kMillisecond, 0.4 * kMillisecond);
+    all.push_back(
+        make("FramesJitter", 60, wider, wider, {2 * kMicrosecond, 10 * kMicrosecond, 40 * kMicrosecond}));
+    const Way wide = jitter(1 * kMillisecond, 5 * kMillisecond);
+    all.push_back(make("FramesWideJitter", 60, wide, wide,
+                       {20 * kMicrosecond, 120 * kMicrosecond, 300 * kMicrosecond}));
     return all;
 }
 
@@ -115,15 +146,15 @@ void forEachSeed(Run run) {
     }
 }
 
-/// Draws what the seed decides: the skew, and two clocks that both wrap while the scenario runs.
+/// Draws what the seed decides: the skew, and when the clocks started.
 ClockScenario drawn(ClockScenario scenario, std::uint64_t seed) {
     std::mt19937_64 random(seed);
     scenario.seed = seed;
     scenario.skewPpm = std::uniform_real_distribution<double>(-100, 100)(random);
     scenario.wanderPpmPerSecond = 0.01;
-    std::uniform_int_distribution<Nanoseconds> beforeWrap(0, std::llround(scenario.seconds * 1e9));
-    scenario.startHere = INT64_MAX - beforeWrap(random);
-    scenario.startThere = INT64_MAX - beforeWrap(random);
+    std::uniform_int_distribution<Nanoseconds> upTime(0, 30 * 86400 * detail::kSecond);
+    scenario.startHere = upTime(random);
+    scenario.startThere = upTime(random);
     return scenario;
 }
 
@@ -140,6 +171,8 @@ class ClockSimulation : public testing::TestWithParam<Case> {};
 /// `--runs N` makes N runs of each case, `--seed S` begins with that seed.
 TEST_P(ClockSimulation, StaysWithinItsLimits) {
     const Limits& limits = GetParam().limits;
+    std::vector<double> medians;
+    std::vector<double> tails;
     forEachSeed([&](std::uint64_t seed) {
         TwoClocks clocks(drawn(GetParam().scenario, seed));
         std::vector<double> errors;
@@ -159,15 +192,24 @@ TEST_P(ClockSimulation, StaysWithinItsLimits) {
                 afterASecond = error;
         });
         ASSERT_FALSE(errors.empty());
+        medians.push_back(quantile(errors, 0.5));
+        tails.push_back(quantile(errors, 0.99));
         EXPECT_LE(clocks.knownAt, 0.1);
-        EXPECT_LE(quantile(errors, 0.5), limits.p50);
-        EXPECT_LE(quantile(errors, 0.99), limits.p99);
-        EXPECT_LE(afterASecond, limits.afterASecond);
+        EXPECT_LE(medians.back(), kEveryRun * limits.p50);
+        EXPECT_LE(tails.back(), kEveryRun * limits.p99);
+        EXPECT_LE(afterASecond, kEveryRun * limits.afterASecond);
         EXPECT_EQ(outside, 0) << "of " << looks;
         EXPECT_LT(clocks.worstStep, 10);
         EXPECT_LT(clocks.worstRate, 5000);
         EXPECT_EQ(clocks.filter.estimate().breaks, 0U);
     });
+    ASSERT_FALSE(medians.empty());
+    const double p50 = quantile(medians, 0.5);
+    const double p99 = quantile(tails, 0.5);
+    EXPECT_LE(p50, limits.p50);
+    EXPECT_LE(p99, limits.p99);
+    std::printf("median run of %zu: error p50 %.2f us, p99 %.2f us; worst %.2f and %.2f us\n", medians.size(),
+                p50 * 1e-3, p99 * 1e-3, std::ranges::max(medians) * 1e-3, std::ranges::max(tails) * 1e-3);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ClockSimulation, testing::ValuesIn(cases()),
@@ -231,7 +273,7 @@ TEST(ClockSteered, IsFollowedWithoutAStep) {
         });
         SCOPED_TRACE("steered by " + std::to_string(scenario.steeredPpm) + " ppm");
         EXPECT_LT(worst, kMillisecond);
-        EXPECT_LT(worstLater, 15 * kMicrosecond);
+        EXPECT_LT(worstLater, 30 * kMicrosecond);
         EXPECT_LT(clocks.worstStep, 10);
         EXPECT_EQ(clocks.filter.estimate().breaks, 0U);
     });

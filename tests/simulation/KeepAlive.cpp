@@ -1,4 +1,4 @@
-#include "tests/simulation/world/World.h"
+#include "simulator/Pair.h"
 
 #include <gtest/gtest.h>
 
@@ -8,57 +8,28 @@
 
 namespace kor::simulation {
 
-namespace {
-
-using detail::NetEvent;
-
-/// A master (host 0) and a slave (host 1), with a timeout each, that count how often one loses the other.
-struct Pair {
-    explicit Pair(const WorldModel& model, Nanoseconds masterTimeout = 2 * kSecond,
-                  Nanoseconds slaveTimeout = 2 * kSecond, double driftPpm = 0)
-        : world(model) {
-        HostModel one;
-        one.timeout = masterTimeout;
-        one.driftPpm = driftPpm;
-        HostModel other;
-        other.timeout = slaveTimeout;
-        other.driftPpm = -driftPpm;
-        world.addHost(one);
-        world.addHost(other);
-        for (Host* host : {&master(), &slave()})
-            host->onEvent = [this](const NetEvent& event) { lost += event.kind == NetEvent::Kind::lost; };
-        slave().connect(master());
-    }
-
-    Host& master() { return world.host(0); }
-    Host& slave() { return world.host(1); }
-
-    World world;
-    int lost = 0;
-};
-
-} // namespace
-
 TEST(KeepAlive, HoldsWhateverTheTimeoutsOfTheTwoSides) {
     constexpr std::array kTimeouts = {10, 25, 50, 100, 300, 2000};
     for (const int one : kTimeouts)
         for (const int other : kTimeouts) {
-            Pair pair({}, one * kMillisecond, other * kMillisecond);
+            Pair pair({}, {.timeout = one * kMillisecond}, {.timeout = other * kMillisecond});
             pair.world.runFor(5 * kSecond);
-            EXPECT_EQ(pair.lost, 0) << one << " ms and " << other << " ms";
+            EXPECT_EQ(pair.world.ledger().connections().size(), 1u);
+            EXPECT_EQ(pair.world.ledger().ended(detail::NetEvent::Kind::lost), 0u)
+                << one << " ms and " << other << " ms";
         }
 }
 
 TEST(KeepAlive, HoldsWhenATimeoutIsLowered) {
     for (int phase = 0; phase != 50; ++phase)
         for (const bool masters : {true, false}) {
-            Pair pair({});
+            Pair pair;
             pair.world.runFor(3 * kSecond + phase * 13 * kMillisecond);
-            Host& host = masters ? pair.master() : pair.slave();
-            host.endpoint().setTimes(100 * kMillisecond, 250 * kMillisecond, kSecond, host.clock());
+            Host& host = masters ? pair.master : pair.slave;
+            host.endpoint().setTimes({100 * kMillisecond, 250 * kMillisecond, kSecond}, host.clock());
             pair.world.inject(host, RTAddr(0x0A0000FF, 1), {}); // wakes it
             pair.world.runFor(kSecond);
-            EXPECT_EQ(pair.lost, 0) << phase;
+            EXPECT_EQ(pair.world.ledger().ended(detail::NetEvent::Kind::lost), 0u) << phase;
         }
 }
 
@@ -68,27 +39,23 @@ TEST(KeepAlive, AReportHeldForLongIsNotTakenForARoundTrip) {
     model.path.delay = 10 * kMicrosecond;
     model.path.loss = 0.2;
     for (const double ppm : {100.0, -100.0}) {
-        Pair pair(model, 2 * kSecond, 2 * kSecond, ppm);
+        Pair pair(model, {.driftPpm = ppm}, {.driftPpm = -ppm});
         pair.world.runFor(120 * kSecond);
-        ASSERT_NE(pair.master().connectionTo(pair.slave()), nullptr);
-        ASSERT_NE(pair.slave().connectionTo(pair.master()), nullptr);
-        EXPECT_LT(pair.master().connectionTo(pair.slave())->statistics(0).roundTripP99, 1) << "ms";
-        EXPECT_LT(pair.slave().connectionTo(pair.master())->statistics(0).roundTripP99, 1) << "ms";
+        ASSERT_NE(pair.master.connectionTo(pair.slave), nullptr);
+        ASSERT_NE(pair.slave.connectionTo(pair.master), nullptr);
+        EXPECT_LT(pair.master.connectionTo(pair.slave)->statistics(0).roundTripP99, 1) << "ms";
+        EXPECT_LT(pair.slave.connectionTo(pair.master)->statistics(0).roundTripP99, 1) << "ms";
     }
 }
 
 TEST(KeepAlive, LateReportsOfABusyPeerAreWaitedFor) {
-    World world({});
-    Host& master = world.addHost();
-    HostModel busy;
-    busy.wakeLatency = 1500 * kMicrosecond;
-    Host& slave = world.addHost(busy);
-    slave.connect(master);
-    world.runFor(200 * kMillisecond);
+    Pair pair({}, {}, {.wakeLatency = 1500 * kMicrosecond});
+    pair.world.runFor(200 * kMillisecond);
     constexpr std::uint64_t kPackets = 500;
-    world.flow(master, slave, world.now(), 4 * kMillisecond, kPackets, [] { return 1000u; });
-    world.settle();
-    const ConnectionStatistics statistics = master.connectionTo(slave)->statistics(0);
+    pair.world.flow(pair.master, pair.slave, pair.world.now(), 4 * kMillisecond, kPackets,
+                    [] { return 1000u; });
+    pair.drive();
+    const ConnectionStatistics statistics = pair.master.connectionTo(pair.slave)->statistics(0);
     EXPECT_EQ(statistics.packetsDelivered, kPackets);
     EXPECT_LE(statistics.repairs, kPackets / 100);
 }
@@ -97,14 +64,13 @@ TEST(KeepAlive, StampsLeaveInAShortDatagramOfTheirOwn) {
     const auto check = [](std::uint32_t packet, std::size_t mtu) {
         WorldModel model;
         model.path.mtu = mtu;
-        std::vector<Recording> record;
         Pair pair(model);
-        pair.world.record = &record;
         pair.world.runFor(500 * kMillisecond);
-        record.clear();
+        std::vector<SentDatagram> record;
+        pair.world.onSent = [&](const SentDatagram& sent) { record.push_back(sent); };
         for (int frame = 0; frame != 100; ++frame) {
             for (int i = 0; i != 66; ++i)
-                pair.master().send(pair.slave(), packet);
+                pair.master.send(pair.slave, packet);
             pair.world.runFor(25 * kMillisecond);
         }
         std::size_t stamped = 0;

@@ -1,4 +1,4 @@
-#include "tests/simulation/world/World.h"
+#include "simulator/Pair.h"
 
 #include <gtest/gtest.h>
 
@@ -12,25 +12,17 @@ namespace {
 
 using detail::NetEvent;
 
-/// A master (host 0) and a slave (host 1) that connects again by itself.
-struct Pair {
-    explicit Pair(const WorldModel& model = {}) : world(model) {
-        world.addHost();
-        HostModel slave;
-        slave.reconnects = true;
-        world.addHost(slave);
-        world.host(1).connect(world.host(0));
+/// The slave connects again by itself.
+struct LivingPair : Pair {
+    explicit LivingPair(const WorldModel& model = {}) : Pair(model, {}, {.reconnects = true}) {
         world.runFor(50 * kMillisecond);
     }
-
-    Host& master() { return world.host(0); }
-    Host& slave() { return world.host(1); }
 
     /// Both directions, like the frames of a display and the reports about them.
     void traffic(int count) {
         const Nanoseconds start = world.now();
-        world.flow(master(), slave(), start, 4 * kMillisecond, count, [] { return 3000u; });
-        world.flow(slave(), master(), start, 16 * kMillisecond, count / 4, [] { return 38u; });
+        world.flow(master, slave, start, 4 * kMillisecond, count, [] { return 3000u; });
+        world.flow(slave, master, start, 16 * kMillisecond, count / 4, [] { return 38u; });
     }
 
     /// When each host was last told of an end of that kind.
@@ -44,21 +36,19 @@ struct Pair {
 
     /// Nothing is owed, nothing goes on, and no promise was broken.
     void expectPeace() {
-        world.settle();
-        world.rest();
+        drive();
+        world.idle();
         EXPECT_TRUE(world.faults().none()) << world.faults().text();
     }
-
-    World world;
 };
 
 } // namespace
 
 TEST(Lifecycle, GoodbyeEndsBothSidesAtOnce) {
-    Pair pair;
+    LivingPair pair;
     const Nanoseconds start = pair.world.now();
-    pair.slave().model().reconnects = false;
-    pair.master().goodbye();
+    pair.slave.model().reconnects = false;
+    pair.master.goodbye();
     pair.world.runFor(50 * kMillisecond);
     EXPECT_LT(pair.ended(true, NetEvent::Kind::disconnected) - start, 2 * kMillisecond);
     pair.expectPeace();
@@ -69,10 +59,10 @@ TEST(Lifecycle, LostGoodbyesAreRepeated) {
     for (std::uint64_t seed = 1; seed <= 200; ++seed) {
         WorldModel model;
         model.seed = seed;
-        Pair pair(model);
-        pair.slave().model().reconnects = false;
-        pair.world.path(pair.master(), pair.slave()).loss = 0.1;
-        pair.master().goodbye();
+        LivingPair pair(model);
+        pair.slave.model().reconnects = false;
+        pair.forward().loss = 0.1;
+        pair.master.goodbye();
         pair.world.runFor(20 * kMillisecond);
         told += pair.ended(true, NetEvent::Kind::disconnected) != kNever ? 1 : 0;
     }
@@ -80,74 +70,68 @@ TEST(Lifecycle, LostGoodbyesAreRepeated) {
 }
 
 TEST(Lifecycle, RestartedMasterIsRecognisedByItsFirstAnswer) {
-    Pair pair;
+    LivingPair pair;
     pair.traffic(500);
     pair.world.runFor(100 * kMillisecond);
-    pair.master().kill();
+    pair.master.kill();
     pair.world.runFor(30 * kMillisecond);
-    pair.master().start();
+    pair.master.start();
     const Nanoseconds back = pair.world.now();
     pair.world.runFor(300 * kMillisecond);
     EXPECT_LT(pair.ended(true, NetEvent::Kind::reconnecting) - back, 40 * kMillisecond);
-    EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr);
+    EXPECT_NE(pair.slave.connectionTo(pair.master), nullptr);
     pair.expectPeace();
 }
 
 TEST(Lifecycle, RestartedSlaveReplacesItsConnectionAtOnce) {
-    Pair pair;
+    LivingPair pair;
     pair.traffic(500);
     pair.world.runFor(100 * kMillisecond);
-    pair.slave().kill();
-    pair.slave().start();
+    pair.slave.kill();
+    pair.slave.start();
     const Nanoseconds back = pair.world.now();
-    pair.slave().connect(pair.master());
+    pair.slave.connect(pair.master);
     pair.world.runFor(100 * kMillisecond);
     EXPECT_LT(pair.ended(false, NetEvent::Kind::reconnecting) - back, 10 * kMillisecond);
     pair.expectPeace();
 }
 
-TEST(Lifecycle, BeatsLeaveInSilenceOnlyAndInTurns) {
-    Pair pair;
-    pair.world.runFor(300 * kMillisecond); // the opening volley is over
+TEST(Lifecycle, KeepAlivesLeaveInSilenceOnlyAndInTurns) {
+    LivingPair pair;
+    pair.world.runFor(300 * kMillisecond); // the opening burst is over
     const auto sent = [&](Host& host, Host& peer) {
         return host.connectionTo(peer)->statistics(0).datagramsSent;
     };
     const auto pings = [&] { return pair.world.tap().total().pings - pair.world.tap().total().paddings; };
     const Nanoseconds start = pair.world.now();
-    pair.world.flow(pair.master(), pair.slave(), start, 95 * kMillisecond, 21, [] { return 100u; });
+    pair.world.flow(pair.master, pair.slave, start, 95 * kMillisecond, 21, [] { return 100u; });
     pair.world.runFor(50 * kMillisecond);
     std::uint64_t before = pings();
     pair.world.runUntil(start + 20 * 95 * kMillisecond);
     EXPECT_EQ(pings(), before) << "during traffic, which is answered";
     pair.world.settle();
     before = pings();
-    const std::uint64_t fromMaster = sent(pair.master(), pair.slave());
-    const std::uint64_t fromSlave = sent(pair.slave(), pair.master());
+    const std::uint64_t fromMaster = sent(pair.master, pair.slave);
+    const std::uint64_t fromSlave = sent(pair.slave, pair.master);
     pair.world.runFor(10 * kSecond);
     // Each side 250 ms after the other, the accepting one on a grid of 25 ms; a ping each every 2 s.
     const std::uint64_t pinged = pings() - before;
     EXPECT_GE(pinged, 8u);
     EXPECT_LE(pinged, 10u);
-    for (const std::uint64_t beats : {sent(pair.master(), pair.slave()) - fromMaster - pinged / 2,
-                                      sent(pair.slave(), pair.master()) - fromSlave - pinged / 2}) {
-        EXPECT_GE(beats, 10'000u / 526);
-        EXPECT_LE(beats, 10'000u / 500);
+    for (const std::uint64_t keepAlives : {sent(pair.master, pair.slave) - fromMaster - pinged / 2,
+                                           sent(pair.slave, pair.master) - fromSlave - pinged / 2}) {
+        EXPECT_GE(keepAlives, 10'000u / 526);
+        EXPECT_LE(keepAlives, 10'000u / 500);
     }
     EXPECT_TRUE(pair.world.faults().none()) << pair.world.faults().text();
 }
 
 TEST(Lifecycle, SilenceEndsTheConnectionAfterTheTimeSet) {
     for (const Nanoseconds timeout : {300 * kMillisecond, 2 * kSecond, 10 * kSecond}) {
-        World world({});
-        HostModel model;
-        model.timeout = timeout;
-        Host& master = world.addHost(model);
-        Host& slave = world.addHost(model);
-        slave.connect(master);
+        Pair pair({}, {.timeout = timeout}, {.timeout = timeout});
+        World& world = pair.world;
         world.runFor(kSecond);
-        PathModel cut;
-        cut.cut = true;
-        world.setPath(master, slave, cut);
+        world.setPath(pair.master, pair.slave, {.cut = true});
         const Nanoseconds start = world.now();
         world.runFor(timeout + kSecond);
         ASSERT_EQ(world.ledger().connections().size(), 1u);
@@ -163,7 +147,7 @@ TEST(Lifecycle, SilenceEndsTheConnectionAfterTheTimeSet) {
 
 TEST(Lifecycle, ShortStopsKeepTheConnectionAndLoseNothing) {
     for (const bool stopsMaster : {false, true}) {
-        Pair pair;
+        LivingPair pair;
         pair.traffic(600);
         pair.world.runFor(50 * kMillisecond);
         Host& stopped = pair.world.host(stopsMaster ? 0 : 1);
@@ -178,7 +162,7 @@ TEST(Lifecycle, ShortStopsKeepTheConnectionAndLoseNothing) {
 
 TEST(Lifecycle, LongStopsEndTheConnectionAndItComesBack) {
     for (const bool stopsMaster : {false, true}) {
-        Pair pair;
+        LivingPair pair;
         pair.traffic(1200);
         pair.world.runFor(50 * kMillisecond);
         Host& stopped = pair.world.host(stopsMaster ? 0 : 1);
@@ -187,7 +171,7 @@ TEST(Lifecycle, LongStopsEndTheConnectionAndItComesBack) {
         EXPECT_NE(pair.ended(stopsMaster, NetEvent::Kind::lost), kNever);
         stopped.resume();
         pair.world.runFor(500 * kMillisecond);
-        EXPECT_NE(pair.slave().connectionTo(pair.master()), nullptr) << "stopped master: " << stopsMaster;
+        EXPECT_NE(pair.slave.connectionTo(pair.master), nullptr) << "stopped master: " << stopsMaster;
         pair.expectPeace();
     }
 }
@@ -214,10 +198,9 @@ TEST(Lifecycle, BothSidesConnectingMakeOneConnection) {
 
 /// What went over the wire before comes again, all of it, to both sides.
 TEST(Lifecycle, ReplayedDatagramsChangeNothing) {
-    std::vector<Recording> recorded;
-    WorldModel model;
-    World world(model);
-    world.record = &recorded;
+    std::vector<SentDatagram> recorded;
+    World world;
+    world.onSent = [&](const SentDatagram& sent) { recorded.push_back(sent); };
     Host& master = world.addHost();
     Host& slave = world.addHost();
     slave.connect(master);
@@ -231,8 +214,8 @@ TEST(Lifecycle, ReplayedDatagramsChangeNothing) {
     world.flow(master, slave, world.now(), kMillisecond, 300, [] { return 2000u; });
     const std::uint64_t id = slave.connectionTo(master)->config().connectionId;
 
-    const std::vector<Recording> old = recorded;
-    for (const Recording& one : old)
+    const std::vector<SentDatagram> old = recorded;
+    for (const SentDatagram& one : old)
         world.after(world.random().between(0, 200) * kMillisecond, [&world, &one] {
             world.inject(world.host(static_cast<std::size_t>(one.to)),
                          world.host(static_cast<std::size_t>(one.from)).addr(), one.bytes);

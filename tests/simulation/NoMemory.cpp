@@ -1,15 +1,17 @@
 // What happens when the system has no memory left: for packets to be sent, and for packets that arrive.
 
-#include "support/net/NetDriver.h"
-#include "support/net/NetPeer.h"
+#include "simulator/Pair.h"
+#include "support/net/driver/NetDriver.h"
+#include "support/net/driver/NetPeer.h"
 #include "tests/ReplacedNew.h"
-#include "tests/simulation/world/World.h"
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -18,7 +20,7 @@ namespace kor::simulation {
 static double refusedBlocks = 0; ///< share of the packets' blocks
 static Random dice(1);
 
-// The linker puts the first in the place of the library's tryAllocate(), which is then the second.
+// The linker puts the first of each two in the place of the library's operation, which is then the second.
 void* tryAllocateOrNot(std::size_t size) asm("__wrap__ZN3kor6detail11tryAllocateEm");
 void* tryAllocateReally(std::size_t size) asm("__real__ZN3kor6detail11tryAllocateEm");
 
@@ -26,10 +28,23 @@ void* tryAllocateOrNot(std::size_t size) {
     return dice.chance(refusedBlocks) ? nullptr : tryAllocateReally(size);
 }
 
+void* allocateOrNot(std::size_t size) asm("__wrap__ZN3kor6detail15allocateOrThrowEm");
+void* allocateReally(std::size_t size) asm("__real__ZN3kor6detail15allocateOrThrowEm");
+
+void* allocateOrNot(std::size_t size) {
+    int& left = testing_support::allocationsLeft;
+    if (left == 0)
+        throw std::bad_alloc();
+    left -= left > 0 ? 1 : 0;
+    return allocateReally(size);
+}
+
 TEST(NoMemory, ARefusedSendChangesNothing) {
     using testing_support::allocationsLeft;
     constexpr std::uint32_t kPackets = 40;
     detail::NetDriver driver;
+    std::string error;
+    ASSERT_TRUE(driver.open({0}, {}, error)) << error;
     // A refused packet that left its bytes booked would take the room of a later one.
     detail::NetPeer peer(driver, RTAddr(1, 1), 1, 1000, kPackets * sizeof(std::uint32_t));
     int refusals = 0;
@@ -60,11 +75,8 @@ TEST(NoMemory, ARefusedSendChangesNothing) {
 }
 
 TEST(NoMemory, PacketsThatFindNoneArriveLater) {
-    World world({});
-    Host& master = world.addHost();
-    Host& slave = world.addHost();
-    slave.connect(master);
-    world.runFor(50 * kMillisecond);
+    Pair pair;
+    auto& [world, master, slave] = pair;
     Random sizes(2);
     for (int i = 0; i != 60; ++i) {
         master.send(slave, sizes.size(1, 400'000));
@@ -86,7 +98,7 @@ TEST(NoMemory, PacketsThatFindNoneArriveLater) {
     EXPECT_GT(world.ledger().packetsDelivered(), 0u);
     refusedBlocks = 0;
     world.settle();
-    world.rest();
+    world.idle();
     EXPECT_EQ(world.ledger().packetsDelivered(), 120u);
     EXPECT_EQ(world.ledger().connections().size(), 1u);
     EXPECT_TRUE(world.faults().none()) << world.faults().text();

@@ -1,4 +1,4 @@
-#include "tests/simulation/world/World.h"
+#include "simulator/Pair.h"
 
 #include <gtest/gtest.h>
 
@@ -20,11 +20,8 @@ TEST(PeerClock, IsKnownWithinAHundredMilliseconds) {
             model.path.loss = loss;
             model.path.jitter = 100 * kMicrosecond;
             World world(model);
-            HostModel far;
-            far.clockZero = -3 * kSecond;
-            far.driftPpm = 100;
             Host& master = world.addHost();
-            Host& slave = world.addHost(far);
+            Host& slave = world.addHost({.driftPpm = 100, .clockZero = -3 * kSecond});
             const auto watch = [&](Host& host, Host& other) {
                 host.onEvent = [&, connected = kNever, known = false](const detail::NetEvent& event) mutable {
                     if (event.kind == detail::NetEvent::Kind::connected)
@@ -54,13 +51,8 @@ TEST(PeerClock, StaysWithinItsBoundUnderDriftAndLoad) {
     for (const double drift : {-100.0, 0.0, 30.0, 100.0}) {
         WorldModel model;
         model.path.jitter = 50 * kMicrosecond;
-        World world(model);
-        HostModel drifting;
-        drifting.driftPpm = drift;
-        drifting.clockZero = 1000 * kSecond;
-        Host& master = world.addHost();
-        Host& slave = world.addHost(drifting);
-        slave.connect(master);
+        Pair pair(model, {}, {.driftPpm = drift, .clockZero = 1000 * kSecond});
+        auto& [world, master, slave] = pair;
         world.runFor(2 * kSecond);
         world.flow(master, slave, world.now(), 16 * kMillisecond, 300, [] { return 100'000u; });
         std::vector<double> errors;
@@ -79,6 +71,42 @@ TEST(PeerClock, StaysWithinItsBoundUnderDriftAndLoad) {
         EXPECT_LT(errors[594], 100e3) << "nanoseconds, drift " << drift;
         EXPECT_TRUE(world.faults().none()) << world.faults().text();
     }
+}
+
+/// Frames of 60 Hz carry stamps where the path makes the bound wide.
+TEST(PeerClock, IsSharpOnPathsThatJitter) {
+    const struct {
+        Nanoseconds delay;
+        Nanoseconds jitter;
+        double p50; ///< nanoseconds
+        double p99;
+    } paths[] = {{100 * kMicrosecond, 100 * kMicrosecond, 3e3, 12e3},
+                 {100 * kMicrosecond, 300 * kMicrosecond, 6e3, 30e3},
+                 {kMillisecond, 4 * kMillisecond, 60e3, 360e3}};
+    for (const auto& path : paths)
+        for (std::uint64_t seed = 1; seed <= 5; ++seed) {
+            WorldModel model;
+            model.seed = seed;
+            model.path.delay = path.delay;
+            model.path.jitter = path.jitter;
+            Pair pair(model, {}, {.driftPpm = 50, .clockZero = 1000 * kSecond});
+            auto& [world, master, slave] = pair;
+            world.flow(master, slave, world.now(), kSecond / 60, 1200, [] { return 2000u; });
+            world.runFor(2 * kSecond);
+            std::vector<double> errors;
+            for (int i = 0; i != 1800; ++i) {
+                world.runFor(10 * kMillisecond);
+                const detail::ClockEstimate& clock = slave.connectionTo(master)->clock();
+                const double truth = static_cast<double>(master.clock() - slave.clock());
+                errors.push_back(std::abs(clock.offsetAt(slave.clock()) - truth));
+                ASSERT_LE(errors.back(), clock.boundAt(slave.clock()) + 1);
+            }
+            std::ranges::sort(errors);
+            EXPECT_LE(errors[900], path.p50) << "jitter " << path.jitter << ", seed " << seed;
+            EXPECT_LE(errors[1782], path.p99) << "jitter " << path.jitter << ", seed " << seed;
+            std::printf("jitter %.1f ms: clock error p50 %.2f us, p99 %.2f us\n",
+                        static_cast<double>(path.jitter) * 1e-6, errors[900] * 1e-3, errors[1782] * 1e-3);
+        }
 }
 
 } // namespace kor::simulation

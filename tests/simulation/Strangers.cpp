@@ -1,6 +1,6 @@
-#include "tests/simulation/world/World.h"
+#include "simulator/Pair.h"
 
-#include "support/net/Datagram.h"
+#include "support/net/wire/Datagram.h"
 
 #include <gtest/gtest.h>
 
@@ -11,12 +11,8 @@
 namespace kor::simulation {
 
 TEST(Strangers, ForgedRequestsLeaveConnectionsAndClockAlone) {
-    World world({});
-    Host& master = world.addHost();
-    HostModel drifting;
-    drifting.driftPpm = 30;
-    Host& slave = world.addHost(drifting);
-    slave.connect(master);
+    Pair pair({}, {}, {.driftPpm = 30});
+    auto& [world, master, slave] = pair;
     world.runFor(500 * kMillisecond);
     world.flow(master, slave, world.now(), 4 * kMillisecond, 250, [] { return 1000u; });
 
@@ -43,15 +39,13 @@ TEST(Strangers, ForgedRequestsLeaveConnectionsAndClockAlone) {
     ASSERT_TRUE(clock.known);
     const auto truth = static_cast<double>(master.clock() - slave.clock());
     EXPECT_LT(std::abs(clock.offsetAt(slave.clock()) - truth), 20e3) << "nanoseconds";
-    world.rest();
+    world.idle();
     EXPECT_TRUE(world.faults().none()) << world.faults().text();
 }
 
 TEST(Strangers, FullTableRefusesAndKeepsWhatStands) {
-    World world({});
-    HostModel small;
-    small.maxPeers = 3;
-    Host& master = world.addHost(small);
+    World world;
+    Host& master = world.addHost({.maxPeers = 3});
     for (int i = 0; i != 6; ++i)
         world.addHost().connect(master, 50 * kMillisecond, 2);
     world.runFor(500 * kMillisecond);
@@ -67,8 +61,8 @@ TEST(Strangers, FullTableRefusesAndKeepsWhatStands) {
     EXPECT_TRUE(world.faults().none()) << world.faults().text();
 }
 
-TEST(Strangers, TwoHundredAndFiftyIdlePeersRest) {
-    World world({});
+TEST(Strangers, TwoHundredAndFiftyIdlePeersCostLittle) {
+    World world;
     Host& master = world.addHost();
     for (int i = 0; i != 250; ++i)
         world.addHost().connect(master);
@@ -80,7 +74,7 @@ TEST(Strangers, TwoHundredAndFiftyIdlePeersRest) {
     const auto perPeer = static_cast<double>(world.tap().total().datagrams - before) / 250 / 2;
     EXPECT_LE(perPeer, 20) << "datagrams per peer and second, both directions";
     EXPECT_LE(static_cast<double>(master.turns() - turns) / 2, 250 * 16) << "turns per second";
-    world.rest();
+    world.idle();
     EXPECT_TRUE(world.faults().none()) << world.faults().text();
 }
 

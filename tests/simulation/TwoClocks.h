@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/net/ClockFilter.h"
+#include "support/net/clock/ClockFilter.h"
 
 #include <algorithm>
 #include <cmath>

@@ -29,9 +29,8 @@ struct Master : KorLogicServer {
         KorCoderBase::codeBegin(writer, frame);
         KorCoderBase::codeEnd(writer);
         const double begin = jTimer::getTimeSecond();
-        if (server->send(writer.getData(), writer.tell())) {
+        if (server->send(writer.getData(), writer.tell()))
             trace.frameSent(frame, writer.tell(), begin, jTimer::getTimeSecond());
-        }
     }
     Trace& trace;
 };
@@ -63,9 +62,8 @@ TEST(Adapters, RecordWhatTheLogicDoes) {
         ASSERT_TRUE(master.init("127.255.255.255", port, 0, 0));
         std::atomic<bool> stop{false};
         std::thread frames([&] {
-            while (!stop) {
+            while (!stop)
                 master.swap();
-            }
         });
         while (slave.results[KorLogicClient::WAIT_LERP] < 20) {
             slave.swapBegin(true);

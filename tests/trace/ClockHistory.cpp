@@ -53,9 +53,8 @@ TEST(ClockHistory, AnotherMasterBeginsAnew) {
 
 TEST(ClockHistory, TheOrderOfTimesIsKept) {
     ClockHistory history;
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 50; ++i)
         history.add({i * 0.2, 1 + 0.0001 * (i % 2), 0}); // slews by 500 ppm to and fro
-    }
     const ClockConversion convert(history.samples());
     std::int64_t before = convert(0);
     for (std::int64_t time = 1; time < 10 * kSecond; time += 99'991) {
@@ -70,9 +69,8 @@ TEST(ClockHistory, ACorrectionLargerThanTheTimeBetweenSamplesDoesNotTurnTheClock
     history.add({1, 5.04, 0.05});
     history.add({1.01, 5, 0.001});
     const ClockConversion convert(history.samples());
-    for (std::int64_t time = kSecond / 2; time < 3 * kSecond; time += 999'983) {
+    for (std::int64_t time = kSecond / 2; time < 3 * kSecond; time += 999'983)
         EXPECT_GT(convert(time), convert(time - 999'983)) << time;
-    }
     EXPECT_EQ(convert(kSecond), 6 * kSecond);
 }
 

@@ -22,21 +22,18 @@ Event numbered(int number) {
 
 std::vector<int> numbers(EventRing& ring) {
     std::vector<int> result;
-    for (const EventRing::Entry& entry : ring.entries()) {
+    for (const EventRing::Entry& entry : ring.entries())
         result.push_back(static_cast<int>(entry.event.begin));
-    }
     return result;
 }
 
 TEST(EventRing, KeepsTheNewestAndCountsTheOthers) {
     const auto ring = EventRing::make(16);
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 100; ++i)
         ring->add(numbered(i), "event");
-    }
     std::vector<int> newest;
-    for (int i = 84; i < 100; ++i) {
+    for (int i = 84; i < 100; ++i)
         newest.push_back(i);
-    }
     EXPECT_EQ(numbers(*ring), newest);
     EXPECT_EQ(ring->counts().recorded, 100U);
     EXPECT_EQ(ring->counts().overwritten, 84U);
@@ -54,9 +51,8 @@ TEST(EventRing, LongTextsTakeSeveralPlaces) {
     const auto ring = EventRing::make(64);
     for (const std::size_t length : {0U, 1U, 71U, 72U, 73U, 144U, 145U, 999U, 1000U}) {
         std::string text(length, 'x');
-        for (std::size_t i = 0; i < length; ++i) {
+        for (std::size_t i = 0; i < length; ++i)
             text[i] = static_cast<char>('a' + i % 26);
-        }
         ring->add(numbered(1), text);
         EXPECT_EQ(ring->entries().back().text, text) << length;
     }
@@ -64,12 +60,10 @@ TEST(EventRing, LongTextsTakeSeveralPlaces) {
     ring->add(numbered(1), std::string(5000, 'y'));
     EXPECT_EQ(ring->entries().back().text, std::string(1000, 'y'));
     // Nothing is left of a text whose head has been overwritten.
-    for (int i = 0; i < 63; ++i) {
+    for (int i = 0; i < 63; ++i)
         ring->add(numbered(i), "short");
-    }
-    for (const EventRing::Entry& entry : ring->entries()) {
+    for (const EventRing::Entry& entry : ring->entries())
         EXPECT_EQ(entry.text, "short");
-    }
 }
 
 TEST(EventRing, NothingIsTornWhenThreadsWriteAndReadAtOnce) {
@@ -96,12 +90,10 @@ TEST(EventRing, NothingIsTornWhenThreadsWriteAndReadAtOnce) {
             ASSERT_EQ(entry.text, std::string(entry.text.size(), static_cast<char>('a' + number % 26)));
         }
     };
-    while (running > 0) {
+    while (running > 0)
         check();
-    }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     check();
     const EventRing::Counts counts = ring->counts();
     EXPECT_EQ(counts.recorded, static_cast<std::uint64_t>(kThreads) * kEach);

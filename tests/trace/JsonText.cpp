@@ -20,13 +20,11 @@ std::string parsed(std::string_view text) {
 
 TEST(JsonText, SoundTextComesThroughAsItIs) {
     std::string all;
-    for (char c = 1; c < 127; ++c) {
+    for (char c = 1; c < 127; ++c)
         all += c;
-    }
     using namespace std::string_literals;
-    for (const std::string& text : {""s, all, "\x7f\0\"\\"s, "\u00e4\u20ac\U0001F600\U0010FFFF\uFFFD"s}) {
+    for (const std::string& text : {""s, all, "\x7f\0\"\\"s, "\u00e4\u20ac\U0001F600\U0010FFFF\uFFFD"s})
         EXPECT_EQ(parsed(text), text);
-    }
 }
 
 TEST(JsonText, WhatIsNoUtf8IsReplaced) {
@@ -41,9 +39,8 @@ TEST(JsonText, WhatIsNoUtf8IsReplaced) {
         {"\xE2\x82|", mark + mark + "|"},
         {"\xFF\xFE", mark + mark},
     };
-    for (const auto& [text, expected] : cases) {
+    for (const auto& [text, expected] : cases)
         EXPECT_EQ(parsed(text), expected);
-    }
 }
 
 TEST(JsonText, Numbers) {

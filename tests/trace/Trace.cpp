@@ -113,9 +113,8 @@ TEST_F(TraceTest, TimesAreTheMastersAlsoFromBeforeTheyWereKnown) {
     const double zero = moved["otherData"]["zero_us"];
     EXPECT_EQ(std::fmod(zero, 1e6), 0);
     EXPECT_EQ(eventsOf(moved, "X", "early")[0]["ts"], -4.5e6 - zero);
-    for (const nlohmann::json& event : moved["traceEvents"]) {
+    for (const nlohmann::json& event : moved["traceEvents"])
         EXPECT_GE(event.value("ts", 0.0), 0);
-    }
 }
 
 TEST_F(TraceTest, HostileTextAndNumbersGiveSoundJson) {
@@ -148,9 +147,8 @@ TEST_F(TraceTest, EventsAreInOrderAndOuterOnesComeFirst) {
     other.join();
     const auto spans = eventsOf(written(), "X");
     std::vector<std::string> names;
-    for (const auto& event : spans) {
+    for (const auto& event : spans)
         names.push_back(event["name"]);
-    }
     EXPECT_EQ(names, (std::vector<std::string>{"other thread", "first", "outer", "inner"}));
     EXPECT_NE(spans[0]["tid"], spans[1]["tid"]);
 }
@@ -174,9 +172,8 @@ TEST_F(TraceTest, BeginForgetsAndWriteMayBeRepeated) {
 
 TEST_F(TraceTest, AFileThatCannotBeWrittenIsAnErrorAndLeavesWhatWasThere) {
     ASSERT_TRUE(trace.begin({}));
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 1000; ++i)
         trace.instant("event");
-    }
     EXPECT_FALSE(trace.write("/nowhere/trace.json"));
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), "the trace cannot be written to /nowhere/trace.json: No such file or directory");
@@ -216,9 +213,8 @@ TEST_F(TraceTest, ThreadsRecordWhileAnotherOneStartsEndsAndWrites) {
         small.end();
     }
     stop = true;
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
 }
 
 } // namespace

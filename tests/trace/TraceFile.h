@@ -19,9 +19,8 @@ class ScratchFolder {
 public:
     ScratchFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "kor-trace-XXXXXX").string();
-        if (!::mkdtemp(name.data())) {
+        if (!::mkdtemp(name.data()))
             throw std::runtime_error("no folder for the test");
-        }
         folder_ = name;
     }
     ScratchFolder(const ScratchFolder&) = delete;
@@ -49,11 +48,9 @@ inline nlohmann::json traceOf(const std::string& path) {
 inline std::vector<nlohmann::json> eventsOf(const nlohmann::json& trace, const std::string& phase,
                                             const std::string& name = {}) {
     std::vector<nlohmann::json> result;
-    for (const nlohmann::json& event : trace.at("traceEvents")) {
-        if (event.at("ph") == phase && (name.empty() || event.at("name") == name)) {
+    for (const nlohmann::json& event : trace.at("traceEvents"))
+        if (event.at("ph") == phase && (name.empty() || event.at("name") == name))
             result.push_back(event);
-        }
-    }
     return result;
 }
 

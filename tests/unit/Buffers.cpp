@@ -83,9 +83,8 @@ TEST(Buffers, WriterRefusesWhatDoesNotFit) {
     writer.seekSet(8);
     writer.seekSet(-1);
     EXPECT_EQ(writer.tell(), 4);
-    for (const unsigned char byte : block) {
+    for (const unsigned char byte : block)
         EXPECT_EQ(byte, 0xAA);
-    }
     EXPECT_TRUE(writer.writeString("ab"));
     EXPECT_FALSE(writer.writeUChar(1));
     EXPECT_FALSE(BufferWriter(nullptr, 8).writeChar(1));

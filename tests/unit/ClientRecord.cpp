@@ -3,7 +3,7 @@
 #include "tests/unit/EndpointFixture.h"
 
 #include <kor/Client.h>
-#include <support/AtomicLock.h>
+#include <support/memInfo.h>
 
 #include <gmock/gmock.h>
 
@@ -15,9 +15,8 @@ using testing::ElementsAre;
 
 std::vector<std::string> camerasOf(const Client& client) {
     std::vector<std::string> names;
-    for (const jString& name : client.getCamNames()) {
+    for (const jString& name : client.getCamNames())
         names.emplace_back(name.c_str());
-    }
     return names;
 }
 
@@ -103,18 +102,24 @@ TEST_F(ClientRecord, SurvivesEveryTruncationOfAnIntroduction) {
     }
 }
 
-TEST_F(ClientRecord, BoundsWhatAFloodOfIntroductionsKeeps) {
-    for (int i = 0; i < 100; ++i) {
+TEST_F(ClientRecord, TakesTheNewestOfAnyNumberOfIntroductions) {
+    const std::size_t before = memReport().liveBlocks;
+    for (int i = 0; i < 100; ++i)
         receive(introductionOf(("name" + std::to_string(i)).c_str(), {}));
-    }
-    EXPECT_STREQ(client.getName().c_str(), "name16");
-    EXPECT_EQ(client.getData().count, 83) << "the others are packets like any";
+    EXPECT_STREQ(client.getName().c_str(), "name99");
+    EXPECT_LE(memReport().liveBlocks, before + 1) << "those that nobody has read are gone";
+}
 
-    client.clearData();
-    const std::string cameras(20'000, '\0');
-    receive(introductionOf("huge", {}, 20'000) + cameras);
-    EXPECT_STREQ(client.getName().c_str(), "name16");
-    EXPECT_EQ(client.getData().count, 1);
+TEST_F(ClientRecord, RefusesAnIntroductionOfOver64KiB) {
+    receive(introductionOf("node-a", {}));
+    log.clear();
+    for (int i = 0; i < 2; ++i)
+        receive(introductionOf("b", {}) + std::string(64 << 10, 'x'));
+    EXPECT_STREQ(client.getName().c_str(), "node-a");
+    EXPECT_TRUE(client.getData().empty()) << "never frame data";
+    EXPECT_EQ(client.getRefusedIntroductions(), 2u);
+    EXPECT_THAT(log.lines(), ElementsAre("warning: [10.0.0.5:7000] introduction of 65548 bytes refused, at "
+                                         "most 65536 are taken in"));
 }
 
 TEST_F(ClientRecord, QueuesOtherPackets) {
@@ -132,24 +137,24 @@ TEST_F(ClientRecord, QueuesOtherPackets) {
     EXPECT_TRUE(client.getData().empty());
 }
 
-TEST_F(ClientRecord, DropsPacketsThatNobodyTakes) {
-    for (int i = 0; i < 65536 + 10; ++i) {
+TEST_F(ClientRecord, DropsPacketsThatFindNoRoom) {
+    for (int i = 0; i < 100'000; ++i)
         receive("x");
-    }
-    EXPECT_EQ(client.getData().count, 65536);
-    EXPECT_EQ(client.getDroppedPackets(), 10u);
+    EXPECT_EQ(client.getDroppedPackets(), 0u) << "small ones have room, however many";
     client.clearData();
-    for (int i = 0; i < 65; ++i) {
-        detail::Block megabyte = detail::Block::allocate(1 << 20);
-        megabyte.data()[0] = 'x';
-        deliver(client, &user, std::move(megabyte));
-    }
-    EXPECT_EQ(client.getData().count, 64);
-    EXPECT_EQ(client.getDroppedPackets(), 11u);
-    EXPECT_EQ(log.countWith("packets are dropped"), 2) << "one warning for each time that the queue was full";
+
+    client.setMaxQueuedBytes(10'000);
+    for (int i = 0; i < 100; ++i)
+        receive("x");
+    EXPECT_EQ(client.getData().count, 77) << "each takes 129 bytes";
+    receive(std::string(9000, 'x'));
+    EXPECT_EQ(client.getDroppedPackets(), 24u);
+    EXPECT_EQ(log.countWith("packets are dropped"), 1) << "one warning for each time without room";
     client.clearData();
-    receive("x");
+    receive(std::string(9000, 'x'));
+    receive(std::string(9000, 'x'));
     EXPECT_EQ(client.getData().count, 1);
+    EXPECT_EQ(log.countWith("packets are dropped"), 2);
 }
 
 TEST_F(ClientRecord, FollowsASendToItsDelivery) {

@@ -1,4 +1,4 @@
-#include "support/net/Crc32c.h"
+#include "support/net/wire/Crc32c.h"
 #include "support/platform/Crc32cHardware.h"
 #include "support/platform/Crc32cWide.h"
 
@@ -61,22 +61,23 @@ void expectSum(Sum sum, SumAndCopy sumAndCopy, std::span<const std::uint8_t> par
     ASSERT_EQ(copy.back(), 0) << "written behind the end";
 }
 
-/// All ways (the processor's instructions where there are such, tables, while copying), whole and continued.
+/// Every means (the processor's instructions where there are such, tables, while copying), whole and
+/// continued.
 void expectAgreement(std::span<const std::uint8_t> part, std::size_t split) {
     const std::uint32_t whole = crc32cPortable(part);
     ASSERT_EQ(crc32c(part), whole) << part.size();
     if (crc32cHardwareAvailable())
         expectSum(crc32cHardware, crc32cHardwareCopy, part, static_cast<std::uint32_t>(split));
-    if (crc32cWideAvailable() && part.size() >= kCrc32cWideLeast)
+    if (crc32cWideAvailable() && part.size() >= kMinCrc32cWideBytes)
         expectSum(crc32cWide, crc32cWideCopy, part, static_cast<std::uint32_t>(split));
     ASSERT_EQ(crc32cPortable(part.subspan(split), crc32cPortable(part.first(split))), whole);
     ASSERT_EQ(crc32c(part.subspan(split), crc32c(part.first(split))), whole) << part.size() << " " << split;
     const auto head = part.first(split);
-    const auto rest = part.subspan(split);
-    Bytes copy(rest.size() + 1);
-    ASSERT_EQ(crc32cCopy(head, rest, copy.data()), whole) << part.size() << " " << split;
-    ASSERT_EQ(crc32cCopy(head, rest, copy.data(), 7), crc32cPortable(part, 7));
-    ASSERT_TRUE(std::equal(rest.begin(), rest.end(), copy.begin()));
+    const auto tail = part.subspan(split);
+    Bytes copy(tail.size() + 1);
+    ASSERT_EQ(crc32cCopy(head, tail, copy.data()), whole) << part.size() << " " << split;
+    ASSERT_EQ(crc32cCopy(head, tail, copy.data(), 7), crc32cPortable(part, 7));
+    ASSERT_TRUE(std::equal(tail.begin(), tail.end(), copy.begin()));
     ASSERT_EQ(copy.back(), 0) << "written behind the end";
 }
 

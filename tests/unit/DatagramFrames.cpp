@@ -8,7 +8,7 @@ namespace {
 
 using namespace kor::samples;
 
-/// A data datagram with these bytes for frames, and a check sum that fits.
+/// A data datagram with these bytes for frames, and a checksum that fits.
 Bytes dataWith(const Bytes& frames) {
     Bytes bytes(kDataHeaderBytes);
     DatagramWriter(bytes, 1, true, 2);
@@ -22,13 +22,13 @@ DecodeError decodeFrames(const Bytes& frames) {
     return decodeDatagram(dataWith(frames), datagram);
 }
 
-Bytes ackBytes(std::uint8_t rangeCount, std::uint16_t length, const std::vector<std::uint16_t>& rest = {}) {
-    Bytes bytes(16 + rest.size() * 2);
+Bytes ackBytes(std::uint8_t rangeCount, std::uint16_t length, const std::vector<std::uint16_t>& ranges = {}) {
+    Bytes bytes(16 + ranges.size() * 2);
     bytes[0] = 1;
     bytes[13] = rangeCount;
     store16(&bytes[14], length);
-    for (std::size_t i = 0; i < rest.size(); ++i)
-        store16(&bytes[16 + 2 * i], rest[i]);
+    for (std::size_t i = 0; i < ranges.size(); ++i)
+        store16(&bytes[16 + 2 * i], ranges[i]);
     return bytes;
 }
 
@@ -139,9 +139,8 @@ TEST(DatagramFrames, AckDropsItsOldestRangesForWantOfRoom) {
         AckFrame expected = ack;
         expected.rangeCount = room < 16 ? 0 : std::min<std::size_t>(1 + (room - 16) / 4, kMaxAckRanges);
         ASSERT_EQ(result.has_value(), expected.rangeCount > 0) << room;
-        if (result) {
+        if (result)
             ASSERT_TRUE(sameMeaning(*result, expected)) << room;
-        }
     }
 }
 
@@ -161,9 +160,8 @@ TEST(DatagramFrames, WriterRefusesWhatDoesNotFit) {
         const std::size_t fits = writer.fragmentRoom();
         EXPECT_FALSE(writer.addFragment({1, 100, 0, std::span(content).first(fits + 1)}));
         EXPECT_TRUE(writer.empty());
-        if (fits > 0) {
+        if (fits > 0)
             EXPECT_TRUE(writer.addFragment({1, 100, 0, std::span(content).first(fits)}));
-        }
         EXPECT_EQ(writer.fragmentRoom(), 0u);
     }
     Bytes huge(0x20000);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/net/Block.h"
-#include "support/net/NetDriver.h"
-#include "support/net/NetPeer.h"
+#include "support/net/delivery/Block.h"
+#include "support/net/driver/NetDriver.h"
+#include "support/net/driver/NetPeer.h"
 
 #include <kor/KorClient.h>
 #include <kor/KorCoders.h>
@@ -118,9 +118,8 @@ public:
         std::vector<detail::Block> blocks;
         peer->takeOutbox(blocks);
         std::vector<std::string> packets;
-        for (const detail::Block& block : blocks) {
+        for (const detail::Block& block : blocks)
             packets.emplace_back(reinterpret_cast<const char*>(block.data()), block.size());
-        }
         return packets;
     }
 
@@ -173,9 +172,8 @@ private:
 inline void deliver(RTPacketHandler& handler, RTUser* user, detail::Block block) {
     Packet packet{block.size(), block.data(), true};
     handler.onPacket(user, &packet);
-    if (!packet.owned) {
+    if (!packet.owned)
         block.release();
-    }
 }
 inline void deliver(RTPacketHandler& handler, RTUser* user, std::string_view bytes) {
     detail::Block block = detail::Block::allocate(static_cast<std::uint32_t>(bytes.size()));
@@ -205,9 +203,8 @@ inline std::string slaveTimeOf(double time, double position) {
 inline std::string applicationRecordOf(signed char code, int payload) {
     return written([&](BufferWriter& writer) {
         const int start = beginRecord(writer, code);
-        for (int i = 0; i < payload; ++i) {
+        for (int i = 0; i < payload; ++i)
             writer.writeUChar(0xA5);
-        }
         endRecord(writer, start);
     });
 }
@@ -230,9 +227,8 @@ inline std::string introductionOf(const char* name, const std::vector<std::strin
         const int start = beginRecord(writer, 1);
         writer.writeString(name);
         writer.writeInt(claimed);
-        for (const std::string& camera : cameras) {
+        for (const std::string& camera : cameras)
             writer.writeString(camera.c_str());
-        }
         endRecord(writer, start);
     });
 }
@@ -285,9 +281,8 @@ template <class Step, class Condition>
 bool driveUntil(Step step, Condition condition) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(90);
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) {
+        if (std::chrono::steady_clock::now() > limit)
             return false;
-        }
         step();
         std::this_thread::yield();
     }

@@ -87,30 +87,56 @@ TEST_F(SlaveCache, PassesOverRecordsOfOthers) {
 
 TEST_F(SlaveCache, SurvivesEveryBadBlock) {
     const std::string whole = applicationRecordOf(9, 12) + frameOf(100);
-    for (std::size_t size = 1; size < whole.size(); ++size) {
+    for (std::size_t size = 1; size < whole.size(); ++size)
         receive(whole.substr(0, size));
-    }
-    for (const int length : {0, 5, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), 7}) {
+    for (const int length : {0, 5, -1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), 7})
         receive(headOf(length) + whole);
-    }
-    for (unsigned seed = 1; seed <= 200; ++seed) {
+    for (unsigned seed = 1; seed <= 200; ++seed)
         receive(rubbish(seed, seed));
-    }
     waitAt(100);
     EXPECT_NE(slave.find_cache(100), nullptr) << "the pieces that hold a whole Begin";
     EXPECT_GT(received(), 200) << "the others";
 }
 
-TEST_F(SlaveCache, HasALimit) {
+TEST_F(SlaveCache, DropsWhatIsFurthestAhead) {
+    const auto receiveLarge = [&](int frame) { receive(beginRecordOf(frame) + std::string(200'000, ' ')); };
+    const auto cached = [&] {
+        std::vector<int> frames;
+        for (const KorData& block : slave.cache)
+            frames.push_back(block.frameID);
+        return frames;
+    };
+    KorClient& client = *slave.client;
+    client.setMaxBlockBytes(2'000'000);
+    for (const int frame : {110, 104, 101, 108, 103, 105, 107, 106, 102})
+        receiveLarge(frame);
+    slave.process_data(100, 101);
+    EXPECT_THAT(cached(), ElementsAre(104, 101, 103, 102)) << "half of it";
+    EXPECT_EQ(slave.getDroppedBlocks(), 5u);
+
+    for (const int frame : {105, 100, 106, 107, 108, 109})
+        receiveLarge(frame);
+    EXPECT_EQ(client.getDroppedBlocks(), 1u) << "list and cache together";
+    slave.process_data(100, 101);
+    EXPECT_THAT(cached(), ElementsAre(101, 103, 102, 100)) << "the present one has got in";
+    EXPECT_EQ(log.countWith("frames beyond"), 1);
+
+    client.setMaxBlockBytes(0);
+    slave.process_data(100, 101);
+    EXPECT_THAT(cached(), ElementsAre(101, 100)) << "what is needed now stays";
+    slave.on_reconnect(user.getAddr());
+    client.setMaxBlockBytes(2'000'000);
+    for (int frame = 100; frame < 110; ++frame)
+        receiveLarge(frame);
+    EXPECT_EQ(received(), 9) << "a reset gives the memory back";
+}
+
+TEST_F(SlaveCache, HasNoLimitForTheNumberOfBlocks) {
     const std::string block = beginRecordOf(1000);
-    for (int turn = 0; turn < 3; ++turn) {
-        for (int i = 0; i < 30'000; ++i) {
-            receive(block);
-        }
-        slave.process_data(1, 2);
-    }
-    EXPECT_EQ(slave.getNumCache(), 65536);
-    EXPECT_EQ(received(), 90'000 - 65536);
+    for (int i = 0; i < 100'000; ++i)
+        receive(block);
+    slave.process_data(1, 2);
+    EXPECT_EQ(slave.getNumCache(), 100'000);
     slave.clear_cache();
     slave.clear_cache();
     EXPECT_EQ(slave.getNumCache(), 0);

@@ -1,4 +1,4 @@
-#include "support/net/HandshakeCookie.h"
+#include "support/net/handshake/HandshakeCookie.h"
 
 #include <gtest/gtest.h>
 

@@ -74,6 +74,24 @@ TEST_F(SlaveFrames, MakeDoWithOneNeighbour) {
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(SlaveFrames, AreMeasuredAfterApplyData) {
+    run();
+    receiveFrames({600, 601, 602, 702, 801});
+    slave.atApply = [&](KorData* block) {
+        block->frameID += 1000;
+        slave.setFrameDeadlineExpected(17);
+    };
+    const double deadline = 17 + static_cast<double>(0.000001f);
+    EXPECT_EQ(waitAt(600.25), KorLogicClient::WAIT_LERP);
+    EXPECT_EQ(slave.getFrameID(), 1600.25);
+    EXPECT_EQ(slave.getFrameDeadline(), deadline);
+    for (const auto& [position, result] :
+         {std::pair{702.25, KorLogicClient::WAIT_HIT}, std::pair{800.25, KorLogicClient::WAIT_OVER_HIT}}) {
+        EXPECT_EQ(waitAt(position), result);
+        EXPECT_EQ(slave.getFrameDeadline(), deadline);
+    }
+}
+
 TEST_F(SlaveFrames, TakeTheMastersClockInMilliseconds) {
     run();
     user.offset = 100'000;
@@ -114,13 +132,11 @@ TEST_F(SlaveFrames, AreAppliedAtOnceWhileThereIsNoPosition) {
 }
 
 TEST_F(SlaveFrames, AreReportedOnceIn60) {
-    for (const double position : {59.0, 61.0, 59.4, 60.6, 1.0}) {
+    for (const double position : {59.0, 61.0, 59.4, 60.6, 1.0})
         waitAt(position);
-    }
     EXPECT_THAT(user.takeSent(), IsEmpty());
-    for (const double position : {60.0, 59.5, 60.5, 119.75, 0.25, -60.25}) {
+    for (const double position : {60.0, 59.5, 60.5, 119.75, 0.25, -60.25})
         waitAt(position);
-    }
     EXPECT_THAT(user.takeSent(), ElementsAre(reportOf(60, 30.0, 60.0), reportOf(60, 29.75, 59.5),
                                              reportOf(61, 30.25, 60.5), reportOf(120, 59.875, 119.75),
                                              reportOf(1, 0.125, 0.25), reportOf(-60, -30.125, -60.25)));
@@ -185,7 +201,7 @@ TEST(SlaveLogic, OpensAnewAfterAFailure) {
     EXPECT_NE(slave.getClient(), nullptr);
     ASSERT_TRUE(slave.init(0, 0, "b", {}));
     EXPECT_STREQ(slave.getClient()->getName().c_str(), "b");
-    EXPECT_FALSE(slave.init(0, 70000, "b", {}));
+    EXPECT_FALSE(slave.init(70000, 0, "b", {}));
     EXPECT_EQ(slave.getClient(), nullptr);
     ASSERT_TRUE(slave.init(0, 0, "c", {"left"}));
     KorClient& before = *slave.getClient();

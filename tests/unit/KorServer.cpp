@@ -4,6 +4,7 @@
 
 #include <kor/KorServer.h>
 #include <support/AtomicLock.h>
+#include <support/memInfo.h>
 #include <support/RTNet.h>
 
 #include <gmock/gmock.h>
@@ -44,15 +45,13 @@ struct KorServerRecords : testing::Test {
         server.setHandler(&events);
     }
     void connect(std::initializer_list<RTAddr> addresses) {
-        for (const RTAddr& addr : addresses) {
+        for (const RTAddr& addr : addresses)
             net.onConnect(addr, true);
-        }
     }
     std::vector<std::string> addresses() {
         std::vector<std::string> all;
-        for (int i = 0; i < server.getClientCount(); ++i) {
+        for (int i = 0; i < server.getClientCount(); ++i)
             all.emplace_back(server.getClientByIndex(i)->getAddr().formatString().c_str());
-        }
         return all;
     }
 };
@@ -98,26 +97,35 @@ TEST_F(KorServerRecords, AreFoundByIndexAndByTheConnectionsAddress) {
     EXPECT_EQ(server.getClientByAddr(kB), nullptr);
 }
 
-TEST_F(KorServerRecords, StayReadableUntilTheSecondWait) {
+TEST_F(KorServerRecords, StayReadableUntilTheNextWait) {
     connect({kA});
     Client* client = server.getClientByIndex(0);
     deliver(*client, nullptr, introductionOf("a name that is too long to be stored inside", {"left"}));
     deliver(*client, nullptr, frameOf(1));
     net.onDisConnect(kA);
-    server.wait(0);
     EXPECT_STREQ(client->getName().c_str(), "a name that is too long to be stored inside");
     EXPECT_TRUE(client->getData().empty()) << "the packets are freed at once";
     server.wait(0);
 }
 
-TEST_F(KorServerRecords, GiveUpReplacedNamesAtAWait) {
+TEST_F(KorServerRecords, KeepFewOfTheNamesThatWereReadBetweenTwoWaits) {
     connect({kA});
     Client* client = server.getClientByIndex(0);
-    for (int i = 0; i < 100; ++i) {
-        deliver(*client, nullptr, introductionOf(std::to_string(i).c_str(), {}));
-        server.wait(0);
+    deliver(*client, nullptr, introductionOf("first", {}));
+    const jString& first = client->getName();
+    const std::string huge = introductionOf("huge", {}, 1 << 16) + std::string((64 << 10) - 15, '\0');
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 10; ++i) {
+        deliver(*client, nullptr, huge);
+        EXPECT_FALSE(client->getName().empty());
     }
-    EXPECT_STREQ(client->getName().c_str(), "99");
+    deliver(*client, nullptr, introductionOf("newest", {"left"}));
+    testing::internal::GetCapturedStdout();
+    EXPECT_STREQ(first.c_str(), "first");
+    EXPECT_LT(memReport().liveBytes, 20u << 20);
+    server.wait(0);
+    EXPECT_STREQ(client->getName().c_str(), "newest");
+    EXPECT_LT(memReport().liveBytes, 1u << 20);
 }
 
 TEST_F(KorServerRecords, BelongToTheEndpointAndItsCopiesTogether) {

@@ -87,9 +87,8 @@ TEST(List, SizeMayBeReadByAnotherThread) {
         while (list.size() < 100) {
         }
     });
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 100; ++i)
         list.push_back(i);
-    }
     watcher.join();
     EXPECT_FALSE(list.empty());
 }

@@ -23,9 +23,8 @@ TEST(Locks, ExcludeOneAnother) {
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(counter, 6000);
     EXPECT_EQ(word, 0);
 }
@@ -37,9 +36,8 @@ struct Hook {
     static void run(void* context) {
         auto& hook = *static_cast<Hook*>(context);
         ++hook.calls;
-        if (hook.calls == 3) {
+        if (hook.calls == 3)
             hook.release->store(true);
-        }
     }
 };
 

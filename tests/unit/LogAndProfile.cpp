@@ -90,9 +90,8 @@ TEST_F(LogAndProfile, HandlersMayBeReplacedWhileThreadsUseThem) {
             setProfileHandler({});
         }
     });
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     stop = true;
     replacer.join();
     EXPECT_EQ(lines, 4000);

@@ -105,9 +105,8 @@ TEST(Memory, BlocksChangeHandsBetweenThreads) {
             void* taken = nullptr;
             {
                 const std::lock_guard guard(mutex);
-                if (mine) {
+                if (mine)
                     pool.push_back(mine);
-                }
                 if (!pool.empty() && random() % 2 == 0) {
                     std::swap(pool[random() % pool.size()], pool.back());
                     taken = std::exchange(pool.back(), nullptr);
@@ -118,22 +117,18 @@ TEST(Memory, BlocksChangeHandsBetweenThreads) {
                 EXPECT_TRUE(memRemoveInfo(taken, "", 0, ""));
                 jAllocator::get()->localFree(taken);
             }
-            if (i % 500 == 0) {
+            if (i % 500 == 0)
                 EXPECT_LE(memReport().liveBlocks, 3U * 5000U);
-            }
         }
     };
     std::vector<std::thread> threads;
-    for (unsigned seed = 1; seed <= 3; ++seed) {
+    for (unsigned seed = 1; seed <= 3; ++seed)
         threads.emplace_back(work, seed);
-    }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(memReport().liveBlocks, pool.size());
-    for (void* block : pool) {
+    for (void* block : pool)
         jAllocator::get()->localFree(block);
-    }
     EXPECT_EQ(memReport().liveBlocks, 0U);
 }
 

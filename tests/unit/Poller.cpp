@@ -112,7 +112,8 @@ TEST(Poller, AWakeUpEndsOneWaitOnly) {
             poller.wait(kNever);
         while (!poller.woken());
         other.join();
-        poller.wait(clockNow()); // takes the rest of a wake-up that came while the poller was waking anyway
+        // Takes what is left of a wake-up that came while the poller was waking anyway.
+        poller.wait(clockNow());
         const Nanoseconds deadline = clockNow() + kMillisecond;
         poller.wait(deadline);
         EXPECT_FALSE(poller.woken());

@@ -135,9 +135,8 @@ TEST(Records, AnEncoderWritesAWholeRecordOrNothing) {
         endRecord(writer, start);
         const int written = room < 6 ? 0 : 6;
         EXPECT_EQ(writer.tell(), written);
-        for (std::size_t i = static_cast<std::size_t>(written); i < bytes.size(); ++i) {
+        for (std::size_t i = static_cast<std::size_t>(written); i < bytes.size(); ++i)
             EXPECT_EQ(bytes[i], 0xAA);
-        }
     }
 }
 

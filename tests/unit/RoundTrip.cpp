@@ -1,4 +1,4 @@
-#include "support/net/RoundTrip.h"
+#include "support/net/delivery/RoundTrip.h"
 
 #include <gtest/gtest.h>
 
@@ -18,9 +18,9 @@ TEST(RoundTrip, IgnoresNegativeAndCutsAbsurdMeasurements) {
     trip.add(-1, 0);
     EXPECT_FALSE(trip.known());
     trip.add(INT64_MAX, 0);
-    EXPECT_EQ(trip.smoothed(), RoundTrip::kLongest);
+    EXPECT_EQ(trip.smoothed(), RoundTrip::kMax);
     trip.add(INT64_MAX, INT64_MIN);
-    EXPECT_EQ(trip.variation(), RoundTrip::kLongest / 2 - RoundTrip::kLongest / 8);
+    EXPECT_EQ(trip.variation(), RoundTrip::kMax / 2 - RoundTrip::kMax / 8);
 }
 
 TEST(RoundTrip, TakesQuantilesOfTheNewest256) {

@@ -37,9 +37,8 @@ struct Derived : Other, Base {
 
 std::uint64_t handlers() {
     std::uint64_t blocks = 0;
-    for (const MemReportEntry& entry : memReport().entries) {
+    for (const MemReportEntry& entry : memReport().entries)
         blocks += std::string(entry.file) == "include/kit/SignalSlot" ? entry.blocks : 0;
-    }
     return blocks;
 }
 
@@ -100,13 +99,11 @@ TEST(Signals, ASharedHandlerLivesUntilItsLastSlot) {
 TEST(Signals, GrowthKeepsTheCounts) {
     std::vector<Base> objects(25, Base("x"));
     AddressSignal signal;
-    for (Base& object : objects) {
+    for (Base& object : objects)
         connect(signal, &object, &Base::plain);
-    }
     const AddressSignal copy(signal);
-    for (const auto& slot : copy) {
+    for (const auto& slot : copy)
         EXPECT_EQ(slot.handler->refCount, 2);
-    }
     EXPECT_EQ(emitted(signal).size(), 25U);
 }
 
@@ -150,9 +147,8 @@ TEST(Signals, ASlotMayConnectAnother) {
     AddressSignal signal;
     Base a("a");
     std::vector<Chain> chains(10, Chain{signal, a});
-    for (Chain& chain : chains) {
+    for (Chain& chain : chains)
         connect(signal, &chain, &Chain::call);
-    }
     EXPECT_EQ(emitted(signal), std::vector<std::string>{"a.plain"});
     EXPECT_EQ(signal.capacity, 20);
 }

@@ -1,4 +1,4 @@
-#include "support/net/SipHash.h"
+#include "support/net/handshake/SipHash.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "src/Tracked.h"
+#include "support/Tracked.h"
 #include "tests/unit/EndpointFixture.h"
 
 #include <kor/KorLogicClient.h>
@@ -38,15 +38,13 @@ struct Slave : KorLogicClient {
 
     void applyData(KorData* block, double weight) override {
         calls.push_back(applied(block->frameID, weight));
-        if (atApply) {
+        if (atApply)
             atApply(block);
-        }
     }
     void on_clear() override { ++clears; }
     WAIT_RESULT wait(double timeout) override {
-        if (scripted.empty()) {
+        if (scripted.empty())
             return KorLogicClient::wait(timeout);
-        }
         const WAIT_RESULT result = scripted.back();
         scripted.pop_back();
         return result;
@@ -67,9 +65,8 @@ struct SlaveFrames : testing::Test {
     }
     void receive(std::string_view bytes) { deliver(*slave.client, &user, bytes); }
     void receiveFrames(std::initializer_list<int> frames) {
-        for (const int frame : frames) {
+        for (const int frame : frames)
             receive(frameOf(frame));
-        }
     }
     KorLogicClient::WAIT_RESULT waitAt(double position) {
         slave.setFrameDeadlineExpected(position * 0.5);

@@ -114,7 +114,7 @@ TEST_F(SocketUDPTest, CountsElementsAndCutsWhatDoesNotFit) {
     EXPECT_EQ(read(room.data(), 4, 4), 2); // ten bytes: two elements and a half
     EXPECT_EQ(read(room.data(), 2, 3), 3);
     EXPECT_EQ(std::string(room.data(), 6), "abcdef");
-    EXPECT_EQ(next(), "end"); // the rest of the cut one is gone
+    EXPECT_EQ(next(), "end"); // what was cut off is gone
 }
 
 TEST_F(SocketUDPTest, BadArgumentsReadAndWriteNothing) {
@@ -214,9 +214,8 @@ TEST_F(SocketUDPTest, ReceptionOpensAfreshInAFlood) {
         }
     });
     for (int round = 0; round < 100; ++round) {
-        if (round % 2 == 0) {
+        if (round % 2 == 0)
             EXPECT_TRUE(receiver.recv(0));
-        }
         const unsigned begun = sent;
         EXPECT_TRUE(receiver.recv(1024));
         const std::string bytes = next();

@@ -1,6 +1,6 @@
-#include "support/net/SpareBlocks.h"
+#include "support/net/delivery/SpareBlocks.h"
 
-#include "support/net/Block.h"
+#include "support/net/delivery/Block.h"
 
 #include <support/jAllocator.h>
 #include <support/memInfo.h>

@@ -1,7 +1,7 @@
-#include "support/net/TrainSender.h"
+#include "support/net/driver/TrainSender.h"
 #include "tests/unit/UdpSocketFixture.h"
 
-#include "support/net/Datagram.h"
+#include "support/net/wire/Datagram.h"
 
 #include <support/jTimer.h>
 
@@ -52,8 +52,8 @@ TEST_F(TrainSenderStamps, ArePutInWhenTheDatagramLeaves) {
     for (const bool warm : {false, true}) {
         TrainSender sender(sockets_, {true, warm});
         EXPECT_EQ(sender.warmer().isOpen(), warm);
-        for (int rest = 0; rest != 3; ++rest) {
-            sender.afterRest();
+        for (int sleep = 0; sleep != 3; ++sleep) {
+            sender.afterSleep();
             const Nanoseconds before = clockNow();
             const Nanoseconds stamp = stampThatArrives(sender, true);
             EXPECT_GE(stamp, before);
@@ -62,7 +62,7 @@ TEST_F(TrainSenderStamps, ArePutInWhenTheDatagramLeaves) {
         EXPECT_EQ(sender.warmer().count(), warm ? 3u : 0u);
         stampThatArrives(sender, true);
         EXPECT_EQ(stampThatArrives(sender, false), kLongAgo);
-        EXPECT_EQ(sender.warmer().count(), warm ? 3u : 0u) << "only after a rest";
+        EXPECT_EQ(sender.warmer().count(), warm ? 3u : 0u) << "only after a sleep";
     }
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/net/Time.h"
 #include "support/platform/Poller.h"
 #include "support/platform/UdpSocket.h"
+#include "support/Time.h"
 
 #include <gtest/gtest.h>
 #include <support/jTimer.h>

@@ -112,13 +112,13 @@ protected:
 TEST_F(UdpSocketRefusals, SegmentationIsGivenUpForGood) {
     if (!sender.features().segmentationOffload)
         GTEST_SKIP() << "this kernel offers no segmentation";
-    // Without a check sum the kernel refuses to segment.
+    // Without a checksum the kernel refuses to segment.
     const int on = 1;
     ASSERT_EQ(setsockopt(sender.fd(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof on), 0);
     sendTrainAndCheck(20'500, 1000);
     EXPECT_FALSE(sender.features().segmentationOffload);
     EXPECT_TRUE(sender.features().batchSend);
-    EXPECT_EQ(sender.counters().systemCallsSend, 3u); // refused, one alone, the rest in one batch
+    EXPECT_EQ(sender.counters().systemCallsSend, 3u); // refused, one alone, the others in one batch
     sendTrainAndCheck(20'500, 1000);
     EXPECT_EQ(sender.counters().systemCallsSend, 4u);
 }

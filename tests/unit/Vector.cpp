@@ -38,9 +38,8 @@ TEST(Vector, GrowsFromTenByDoubling) {
         EXPECT_EQ(*v.push_back(i), i);
         EXPECT_EQ(v.capacity, i < 10 ? 10 : 20);
     }
-    for (int i = 0; i < 11; ++i) {
+    for (int i = 0; i < 11; ++i)
         EXPECT_EQ(v[i], i);
-    }
     v.release();
     EXPECT_EQ(v.count, 0);
     EXPECT_EQ(v.capacity, 0);
@@ -88,9 +87,8 @@ TEST(Vector, AssignmentCopiesAndReusesStorage) {
 
 TEST(Vector, AppendsElementsOfItself) {
     jVector<jString> v;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 10; ++i)
         v.push_back(jString("a text that is longer than the inline room " + std::to_string(i)));
-    }
     v.push_back(v[9]);
     EXPECT_EQ(v[10], v[9]);
     v.push_back(v.data + 1, 10);

@@ -33,9 +33,8 @@ TEST(Captures, BlendTheFramesAroundThePosition) {
 
 TEST(Captures, AreCarriedOutOnce) {
     Captures captures;
-    for (int id = 1; id < 200; ++id) {
+    for (int id = 1; id < 200; ++id)
         captures.keep(frameOf(id, {1, 20}));
-    }
     ASSERT_EQ(captures.takeExact().size(), 1U);
     EXPECT_FALSE(captures.nextShown(19.9));
     EXPECT_EQ(captures.nextShown(20.3)->number, 1);
@@ -58,9 +57,8 @@ TEST(Captures, ShowOnlyWhatTheWallShowsWithoutInterpolation) {
 
 TEST(Captures, SayWhichFrameIsLongPast) {
     Captures captures;
-    for (int id = 100; id < 150; ++id) {
+    for (int id = 100; id < 150; ++id)
         captures.keep(frameOf(id));
-    }
     captures.keep(frameOf(150, {3, 5.5}));
     const auto complaints = captures.takeComplaints();
     ASSERT_EQ(complaints.size(), 1U);
@@ -81,12 +79,10 @@ TEST(Captures, SayWhichFramesNeverCame) {
 
 TEST(Captures, SurviveOrdersThatMakeNoSense) {
     Captures captures;
-    for (const double position : {-1.0, 1e300, std::numeric_limits<double>::quiet_NaN()}) {
+    for (const double position : {-1.0, 1e300, std::numeric_limits<double>::quiet_NaN()})
         captures.keep(frameOf(1, {1, position}));
-    }
-    for (int number = 1; number < 100; ++number) {
+    for (int number = 1; number < 100; ++number)
         captures.keep(frameOf(1, {number, 1e6}));
-    }
     EXPECT_GT(captures.takeComplaints().size(), 50U);
     EXPECT_FALSE(captures.nextShown(1e5));
 }

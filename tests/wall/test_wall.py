@@ -5,14 +5,11 @@ No figure that depends on how busy the machine is, is looked at.
 
 import json
 import os
-import resource
 import shutil
-import subprocess
+import signal
 import sys
-import tempfile
-import time
 import unittest
-from contextlib import ExitStack, closing
+from contextlib import closing
 from pathlib import Path
 
 import Xlib.display
@@ -23,47 +20,32 @@ import Xlib.XK
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "demo"))
 
-from demo_process import BUILD, PATIENCE, finish, group_lives, start
-from kordemo.cluster import free_ports
+from demo_process import BUILD, ProcessTest, Text, group_lives
 from kordemo.seam import Picture
 from kordemo.xserver import XServer
+from korprocess import Reports
 
 SKIPPED = 77
 
-HEADLESS = {key: value for key, value in os.environ.items() if key not in ("DISPLAY", "WAYLAND_DISPLAY")}
+for name in ("DISPLAY", "WAYLAND_DISPLAY"):
+    os.environ.pop(name, None)
 
 
-def await_true(condition, what):
-    deadline = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what} does not come about")
-        time.sleep(0.02)
-
-
-def start_wall(*arguments):
-    """The demo with --wall, without a display."""
-    return start("--wall", "--lead", 8, *arguments, env=HEADLESS)
-
-
-class Run(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = Path(folder.name)
+class Run(ProcessTest):
+    def start_wall(self, *arguments):
+        return self.start_demo("--wall", "--lead", 8, *arguments)
 
     def test_pictures_of_one_position_meet(self):
         figures = self.folder / "figures.json"
-        demo = start_wall("--slaves", 2, "--captures", 3, "--pictures", self.folder, "--json", figures)
-        output, errors = finish(demo)
-        self.assertEqual(demo.returncode, 0, output + errors)
-        self.assertFalse(group_lives(demo.pid), "a process was left behind")
+        demo = self.start_wall("--slaves", 2, "--captures", 3, "--pictures", self.folder, "--json", figures)
+        self.finish(demo)
+        self.assertFalse(group_lives(demo), "a process was left behind")
         wall = json.loads(figures.read_text())["wall"]
         self.assertEqual(list(wall), ["lock on", "lock on, no interpolation", "lock off"])
         self.assertGreater(wall["lock on"]["exact_edges"], 0)
         self.assertLessEqual(wall["lock on"]["exact_px"], 1)
         for name in ("lock on", "no interpolation", "lock off"):
-            self.assertIn(name, output)
+            self.assertIn(name, demo.output.text)
         self.assertEqual(Picture(self.folder / "wall.png").image.size, (640, 240))
         self.assert_exact_pictures()
 
@@ -81,109 +63,87 @@ class Run(unittest.TestCase):
             self.assertGreaterEqual(shown.number("clock"), left.number("clock") - 1e-6)
 
     def test_figures_that_cannot_be_written(self):
-        demo = start_wall("--slaves", 1, "--captures", 1, "--pictures", self.folder, "--json", "/dev/full")
-        output, errors = finish(demo)
-        self.assertEqual(demo.returncode, 1, output + errors)
-        self.assertIn("/dev/full: No space left", errors)
+        demo = self.start_wall("--slaves", 1, "--captures", 1, "--pictures", self.folder, "--json", "/dev/full")
+        self.assertIn("/dev/full: No space left", self.finish(demo, 1))
 
     def test_two_at_once_and_one_that_is_killed(self):
-        killed = start_wall("--slaves", 2, "--captures", 100, "--pictures", self.folder / "killed")
-        demo = start_wall("--slaves", 2, "--captures", 1, "--pictures", self.folder / "other")
-        await_true(lambda: list(self.folder.glob("killed/*.png")), "the first picture")
+        killed = self.start_wall("--slaves", 2, "--captures", 100, "--pictures", self.folder / "killed")
+        demo = self.start_wall("--slaves", 2, "--captures", 1, "--pictures", self.folder / "other")
+        self.processes.wait_until(lambda: list(self.folder.glob("killed/*.png")), "the first picture")
         killed.kill()
-        finish(killed)
-        await_true(lambda: not group_lives(killed.pid), "the end of every process")
-        output, errors = finish(demo)
+        self.processes.wait_until(lambda: not group_lives(killed), "the end of every process")
+        self.processes.wait_for_end([demo])
         # Whether a bar crosses the seam in the one picture is chance.
-        if "take more --captures" not in errors:
-            self.assertEqual(demo.returncode, 0, output + errors)
+        if "take more --captures" not in demo.log():
+            self.assertEqual(demo.status, 0, demo.describe_end())
 
 
-class Programs(unittest.TestCase):
+class WallReports(Reports):
+    """All of them, by type."""
+
+    def __init__(self):
+        super().__init__()
+        self.all = {}
+
+    def take_report(self, report):
+        self.all.setdefault(report["type"], []).append(report)
+
+
+class Programs(ProcessTest):
     """The programs themselves, on one X server."""
 
     def setUp(self):
-        stack = ExitStack()
-        self.addCleanup(stack.close)
-        self.folder = Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        self.server = XServer(400, 300)
-        stack.callback(self.server.end)
-        self.environment = HEADLESS | {
-            "DISPLAY": self.server.display(),
+        super().setUp()
+        self.environment = {
+            "DISPLAY": XServer(self.processes, 400, 300).display(),
             "LIBGL_ALWAYS_SOFTWARE": "1",
             "LP_NUM_THREADS": "1",
             "SDL_VIDEODRIVER": "x11",
         }
-        self.stack = stack
-        self.announce, self.bind, self.data = free_ports(3)
+        self.announce, self.bind, self.data = self.processes.claim_ports(3)
 
-    def start(self, name, *arguments, **options):
-        process = subprocess.Popen(
-            [str(BUILD / "examples" / name), *map(str, arguments)],
-            **{
-                "stdin": subprocess.DEVNULL,
-                "stdout": subprocess.DEVNULL,
-                "stderr": subprocess.PIPE,
-                "text": True,
-                "env": self.environment,
-            }
-            | options,
-        )
-        self.stack.callback(self.end, process)
-        return process
+    def start(self, name, *arguments, prefix=(), **options):
+        command = [*prefix, BUILD / "bin" / name, *arguments, "--report", "/dev/fd/{pipe}"]
+        return self.processes.start(name, command, pipe=WallReports(), environment=self.environment, **options)
 
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.kill()
-        process.communicate()
-
-    def master(self):
+    def start_master(self):
         return self.start(
             "kor-wall-master",
             *("--commands", "--announce-ports", self.announce, "--bind-ports", self.bind, "--data-ports", self.data),
-            *("--lead", 8, "--wall", "320,240", "--report", self.folder / "master"),
-            stdin=subprocess.PIPE,
+            *("--lead", 8, "--wall", "320,240"),
+            stdin=True,
         )
 
-    def slave(self, **options):
+    def start_slave(self, *arguments, **options):
         return self.start(
             "kor-wall-slave",
             *("--camera", "left=0,0,160,240", "--camera", "right=160,0,160,240", "--announce-port", self.announce),
-            *("--pictures", self.folder, "--report", self.folder / "slave"),
+            *("--pictures", self.folder, *arguments),
             **options,
         )
 
-    def lines(self, who, kind):
-        """What a process has reported so far."""
-        file = self.folder / who
-        text = file.read_text() if file.exists() else ""
-        return [line for line in map(json.loads, text.splitlines()) if line["type"] == kind]
+    def lock(self):
+        self.master, self.slave = self.start_master(), self.start_slave()
+        self.processes.wait_until(lambda: self.slave.reports.status.get("lerp"), "the lock")
 
-    def await_lock(self):
-        await_true(lambda: any(line["lerp"] > 0 for line in self.lines("slave", "status")), "the lock")
-
-    def tell(self, master, line):
-        master.stdin.write(line + "\n")
-        master.stdin.flush()
-
-    def capture(self, master, kind):
+    def capture(self, kind):
         """Pictures of that kind of a capture that is ordered now."""
-        before = len(self.lines("slave", "picture"))
-        self.tell(master, "capture +20.5")
+        pictures = self.slave.reports.all.setdefault("picture", [])
+        before = len(pictures)
+        self.master.tell("capture +20.5")
 
-        def pictures():
-            return [line for line in self.lines("slave", "picture")[before:] if line["kind"] == kind]
+        def come():
+            return [line for line in pictures[before:] if line["kind"] == kind]
 
-        await_true(lambda: len(pictures()) == 2, "the picture")
-        return [Picture(Path(line["file"])) for line in pictures()]
+        self.processes.wait_until(lambda: len(come()) == 2, "the picture")
+        return [Picture(Path(line["file"])) for line in come()]
 
 
 class Window(Programs):
     """What somebody does at a window."""
 
     def window(self):
-        display = self.stack.enter_context(closing(Xlib.display.Display(self.environment["DISPLAY"])))
+        display = self.enterContext(closing(Xlib.display.Display(self.environment["DISPLAY"])))
         windows = display.screen().root.query_tree().children
         return display, next(w for w in windows if w.get_wm_name() == "node-a")
 
@@ -203,117 +163,68 @@ class Window(Programs):
         display.sync()
 
     def test_keys_flash_and_closing(self):
-        master, slave = self.master(), self.slave()
-        self.await_lock()
-        self.assertEqual(self.capture(master, "shown")[0].text["interpolation"], "on")
+        self.lock()
+        self.assertEqual(self.capture("shown")[0].text["interpolation"], "on")
         self.press("i")
-        await_true(lambda: self.capture(master, "shown")[0].text["interpolation"] == "off", "the key's effect")
+        self.processes.wait_until(lambda: self.capture("shown")[0].text["interpolation"] == "off", "the key's effect")
 
-        self.tell(master, "interpolation on")
-        self.tell(master, "overlay on")
-        self.tell(master, "flash on")
-        left, right = self.capture(master, "exact")
+        for order in ("interpolation on", "overlay on", "flash on"):
+            self.master.tell(order)
+        left, right = self.capture("exact")
         number = int(left.number("position"))
         for picture in (left, right):
             cells = picture.pixels[60::120, 10::20].reshape(2 * 8, 3)
             self.assertEqual(sum(int(cell[0]) << bit for bit, cell in enumerate(cells)), number & 0xFFFF)
 
         self.close()
-        _, errors = slave.communicate(timeout=PATIENCE)
-        self.assertEqual(slave.returncode, 0, errors)
-        self.assertTrue(self.lines("slave", "end")[0]["closed"])
-        master.terminate()
-        _, errors = master.communicate(timeout=PATIENCE)
-        self.assertEqual(master.returncode, 0, errors)
+        self.finish(self.slave)
+        self.assertTrue(self.slave.reports.last["end"]["closed"])
+        self.master.signal(signal.SIGTERM)
+        self.finish(self.master)
 
     def test_frozen_scene_stands_still(self):
-        master, _ = self.master(), self.slave()
-        self.await_lock()
-        self.tell(master, "freeze on")
+        self.lock()
+        self.master.tell("freeze on")
         # The counters go on.
-        first, second = (self.capture(master, "exact")[0].pixels[60:] for _ in range(2))
+        first, second = (self.capture("exact")[0].pixels[60:] for _ in range(2))
         self.assertTrue((first == second).all())
-        self.tell(master, "freeze off")
-        self.assertFalse((first == self.capture(master, "exact")[0].pixels[60:]).all())
+        self.master.tell("freeze off")
+        self.assertFalse((first == self.capture("exact")[0].pixels[60:]).all())
 
 
 class BadInput(Programs):
-    def assert_refused(self, status, part, program, *arguments, **options):
-        process = self.start(program, *arguments, **options)
-        _, errors = process.communicate(timeout=PATIENCE)
-        self.assertEqual(process.returncode, status, errors)
-        self.assertIn(part, errors)
-
     def test_arguments(self):
-        for part, *arguments in (
-            ("at least one camera",),
-            ("--camera", "--camera", "left"),
-            ("--camera", "--camera", "left=0,0,320"),
-            ("--camera", "--camera", "left=0,0,320,240,1"),
-            ("--camera", "--camera", "left=0,0,-320,240"),
-            ("--camera", "--camera", "left=0,0,320,99999"),
-            ("--camera", "--camera", "a/b=0,0,320,240"),
-            ("--pictures", "--camera", "left=0,0,320,240", "--pictures", "/nowhere"),
-            ("--window", "--camera", "left=0,0,320,240", "--window", "1"),
-            ("--rate", "--camera", "left=0,0,320,240", "--rate", "nan"),
+        for part, program, *arguments in (
+            ("--camera", "kor-wall-slave", "--camera", "left=0,0,-320,240"),
+            ("--pictures", "kor-wall-slave", "--camera", "left=0,0,320,240", "--pictures", "/nowhere"),
+            ("--wall", "kor-wall-master", "--wall", "0,0"),
         ):
-            with self.subTest(arguments=arguments):
-                self.assert_refused(2, part, "kor-wall-slave", *arguments)
-        for part, *arguments in (
-            ("--wall", "--wall", "960"),
-            ("--wall", "--wall", "0,0"),
-            ("ports", "--bind-ports", 1),
-            ("--broadcast", "--broadcast", "network.255"),
-        ):
-            with self.subTest(arguments=arguments):
-                self.assert_refused(2, part, "kor-wall-master", *arguments)
-
-    def test_no_display(self):
-        slave = ("kor-wall-slave", "--camera", "left=0,0,320,240")
-        self.assert_refused(1, "no display", *slave, env=HEADLESS)
-        self.assert_refused(1, "no display", *slave, env=HEADLESS | {"DISPLAY": ":nowhere"})
-
-    def test_no_opengl(self):
-        old = self.environment | {"MESA_GL_VERSION_OVERRIDE": "2.1"}
-        self.assert_refused(1, "OpenGL", "kor-wall-slave", "--camera", "left=0,0,320,240", env=old)
+            self.assert_refused(2, part, program, *arguments)
+        self.assert_refused(1, "no display", "kor-wall-slave", "--camera", "left=0,0,320,240")
 
     def test_captures_that_cannot_be(self):
-        master, slave = self.master(), self.slave()
-        await_true(lambda: len(self.lines("master", "status")) > 1, "some frames")
-        self.await_lock()
-        self.tell(master, "capture 1")
-        await_true(lambda: self.lines("slave", "complaint"), "the complaint")
-        self.assertIn("frame 1 is long past", self.lines("slave", "complaint")[0]["text"])
+        self.lock()
+        complaints = self.slave.reports.all.setdefault("complaint", [])
+        self.master.tell("capture 1")
+        self.processes.wait_until(lambda: complaints, "the complaint")
+        self.assertIn("frame 1 is long past", complaints[0]["text"])
         for line in ("capture nan", "capture soon", "capture +1e300", "capture 1 2", "lock maybe", "x" * 5000):
-            self.tell(master, line)
-        self.capture(master, "exact")  # all that did no harm
-        master.terminate()
-        _, errors = master.communicate(timeout=PATIENCE)
-        self.assertEqual(errors.count("kor-wall-master:"), 6, errors)
-        slave.terminate()
-        _, errors = slave.communicate(timeout=PATIENCE)
-        self.assertEqual(slave.returncode, 1)
-        self.assertIn("frame 1 is long past", errors)
+            self.master.tell(line)
+        self.capture("exact")  # all that did no harm
+        self.master.signal(signal.SIGTERM)
+        self.assertEqual(self.finish(self.master).count("kor-wall-master:"), 6)
+        self.slave.signal(signal.SIGTERM)
+        self.assertIn("frame 1 is long past", self.finish(self.slave, 1))
 
     def test_full_disk(self):
-        # A limit on the size of files takes the place of a disk that is full; the report goes to a pipe.
-        master = self.master()
-        slave = self.start(
-            "kor-wall-slave",
-            *("--camera", "left=0,0,160,240", "--announce-port", self.announce, "--pictures", self.folder),
-            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (512, 512)),
-        )
-        await_true(lambda: any(line["slaves"] for line in self.lines("master", "status")), "the slave")
-        self.tell(master, "capture +60.5")
-        await_true(lambda: self.lines("master", "order"), "the order")
-        line = slave.stderr.readline()
-        while "cannot write" not in line:
-            self.assertTrue(line, "the slave ended")
-            line = slave.stderr.readline()
-        self.assertIn("capture 1: cannot write", line)
-        slave.terminate()
-        slave.communicate(timeout=PATIENCE)
-        self.assertEqual(slave.returncode, 1)
+        # A limit on the size of files takes the place of a disk that is full; what it writes goes to pipes.
+        limited = ["sh", "-c", 'exec prlimit --fsize=512 "$@" 2>&1', "sh"]
+        master, slave = self.start_master(), self.start_slave(prefix=limited, output=Text())
+        self.processes.wait_until(lambda: master.reports.status.get("slaves"), "the slave")
+        master.tell("capture +60.5")
+        self.processes.wait_until(lambda: "capture 1: cannot write" in slave.output.text, "the complaint")
+        slave.signal(signal.SIGTERM)
+        self.finish(slave, 1)
         self.assertEqual(list(self.folder.glob("*.png")), [])
 
 

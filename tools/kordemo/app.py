@@ -14,16 +14,16 @@ from pathlib import Path
 from types import FrameType
 from typing import Any
 
+from korprocess import ENDING_SIGNALS, ProcessError
 from rich.console import Console
 
-from .cluster import ENDING_SIGNALS, Cluster, ClusterError, Plan, PortsTaken
+from .cluster import Cluster, Plan
 from .plots import plot
 from .screen import Screen, print_summary
 from .summary import SlaveFigures, figures, summarize
 from .trace import merge
 
 REFRESH_SECONDS = 0.1
-START_ATTEMPTS = 5
 
 EXIT_LOCKED, EXIT_FAILED, EXIT_INTERRUPTED = 0, 1, 130
 
@@ -44,32 +44,25 @@ def watch(cluster: Cluster, arguments: argparse.Namespace, screen: Screen) -> fl
     """Shows the cluster until its time is over. Returns how long that was."""
     begin = time.monotonic()
     while True:
+        cluster.pump_for(REFRESH_SECONDS)
         elapsed = time.monotonic() - begin
-        with cluster.locked():
-            cluster.check()
-            screen.show(cluster, elapsed, arguments.seconds)
-            over = elapsed >= arguments.seconds and all_locked(cluster)
+        screen.show(cluster, elapsed, arguments.seconds)
+        over = elapsed >= arguments.seconds and all_locked(cluster)
         if over or elapsed >= arguments.seconds + arguments.grace:
             return elapsed
-        time.sleep(REFRESH_SECONDS)
 
 
 def run_cluster(plan: Plan, arguments: argparse.Namespace, console: Console) -> tuple[Cluster, float]:
-    """Runs the cluster to its end, with other ports when somebody took one of ours just before."""
-    for attempt in range(START_ATTEMPTS):
-        cluster = Cluster(plan)
-        try:
-            with cluster, Screen(console) as screen:
-                seconds = watch(cluster, arguments, screen)
-            cluster.check_reported()
-            return cluster, seconds
-        except PortsTaken:
-            if attempt + 1 == START_ATTEMPTS:
-                raise
-        finally:
-            if arguments.logs:
-                cluster.save_logs(arguments.logs)
-    raise AssertionError("unreachable")
+    """Runs the cluster to its end."""
+    cluster = Cluster(plan)
+    try:
+        with cluster, Screen(console) as screen:
+            seconds = watch(cluster, arguments, screen)
+        cluster.check_reported()
+        return cluster, seconds
+    finally:
+        if arguments.logs:
+            cluster.save_logs(arguments.logs)
 
 
 def complaints(cluster: Cluster, slaves: list[SlaveFigures]) -> list[str]:
@@ -87,14 +80,14 @@ def complaints(cluster: Cluster, slaves: list[SlaveFigures]) -> list[str]:
 
 
 def why_unlocked(slave: SlaveFigures, plan: Plan) -> str:
-    if slave.stream.last.get("offset_ms") is None:
+    if slave.stream.wait.get("offset_ms") is None:
         return "it found no master"
     lead = max(plan.least_lead(), plan.lead + 1)
     return f"data sent {plan.lead} frames ahead came too late for its refreshes; with --lead {lead} it may"
 
 
 def run_guarded_wall(arguments: argparse.Namespace) -> int:
-    from . import wall  # needs libraries that the rest does not
+    from . import wall  # needs libraries that nothing else does
 
     try:
         return wall.run(arguments)
@@ -129,7 +122,7 @@ def run(arguments: argparse.Namespace) -> int:
 def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
     """The same, with a folder for what the processes record."""
     plan = Plan(
-        programs=arguments.build / "examples",
+        programs=arguments.build / "bin",
         slaves=arguments.slaves,
         lead=arguments.lead,
         rate=arguments.rate,
@@ -139,7 +132,7 @@ def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
     console = Console()
     try:
         cluster, seconds = run_cluster(plan, arguments, console)
-    except ClusterError as error:
+    except ProcessError as error:
         print(f"demo: {error}", file=sys.stderr)
         return EXIT_FAILED
 
@@ -154,8 +147,8 @@ def run_recorded(arguments: argparse.Namespace, traces: Path | None) -> int:
             return EXIT_FAILED
     faults = complaints(cluster, slaves)
     if traces:
-        names = (process.name for process in cluster.processes)
-        faults += merge(arguments.build / "tools" / "kor-trace-merge", traces, names, arguments.trace)
+        names = (process.name for process in cluster.members)
+        faults += merge(arguments.build / "bin" / "kor-trace-merge", traces, names, arguments.trace)
     if arguments.plot:
         faults += plot(summary, arguments.plot)
     for fault in faults:

@@ -18,11 +18,12 @@ the display's affair and no part of this.
 from __future__ import annotations
 
 import statistics
-import time
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from .cluster import ClusterError
+from korprocess import ProcessError
+
 from .seam import CHANNELS, Picture, join, steps, wrapped
 from .wallcluster import WallCluster
 
@@ -35,7 +36,6 @@ LOCKED = "lock on"
 AHEAD = 30  # frames from an order to its position
 PATIENCE = 60.0  # seconds for a picture that was ordered
 FILES = {"lock on": "shown-lock-on", "lock on, no interpolation": "shown-no-interpolation", "lock off": "shown-lock-off"}
-POLL_SECONDS = 0.02
 
 
 class Proof:
@@ -48,7 +48,7 @@ class Proof:
         self.taken: dict[str, list[dict[str, list[Picture]]]] = {mode: [] for mode in MODES}
 
     def take(self) -> None:
-        self._await(self._all_locked, "a slave does not lock")
+        self._await(self._all_locked, "the lock of every slave")
         for mode, commands in MODES.items():
             for command in commands:
                 self._cluster.command(command)
@@ -64,19 +64,13 @@ class Proof:
     def _all_locked(self) -> bool:
         return all(stream.status.get("lerp", 0) > 0 for stream in self._cluster.streams[1:])
 
-    def _await(self, done: Any, otherwise: str) -> None:
-        deadline = time.monotonic() + PATIENCE
-        while True:
-            with self._cluster.locked():
-                self._cluster.check()
-                complaints = [text for stream in self._cluster.streams for text in stream.complaints]
-                if complaints:
-                    raise ClusterError("\n".join(complaints))
-                if done():
-                    return
-            if time.monotonic() > deadline:
-                raise ClusterError(otherwise)
-            time.sleep(POLL_SECONDS)
+    def _await(self, done: Callable[[], bool], what: str) -> None:
+        def done_without_complaint() -> bool:
+            if complaints := [text for stream in self._cluster.streams for text in stream.complaints]:
+                raise ProcessError("\n".join(complaints))
+            return done()
+
+        self._cluster.wait_until(done_without_complaint, what, PATIENCE)
 
     def _pictures(self, number: int, kinds: tuple[str, ...]) -> dict[str, list[Picture]]:
         def files(kind: str) -> list[Path]:
@@ -90,9 +84,8 @@ class Proof:
         def complete() -> bool:
             return all(len(files(kind)) == self._cluster.plan.slaves for kind in kinds)
 
-        self._await(complete, f"the pictures of capture {number} do not come")
-        with self._cluster.locked():
-            return {kind: [Picture(file) for file in files(kind)] for kind in kinds}
+        self._await(complete, f"the pictures of capture {number}")
+        return {kind: [Picture(file) for file in files(kind)] for kind in kinds}
 
 
 def seam_steps(pictures: list[Picture], bars: list[dict[str, Any]] | None) -> list[float]:

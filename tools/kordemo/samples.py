@@ -2,42 +2,16 @@
 
 from __future__ import annotations
 
-import json
 from array import array
 from typing import Any
+
+from korprocess import Reports
 
 RESULTS = ("lerp", "hit", "over_hit", "none")
 
 
-class Stream:
-    """The report of one process: JSON lines, fed as they come."""
-
-    def __init__(self) -> None:
-        self.header: dict[str, Any] | None = None
-        self.status: dict[str, Any] = {}
-        self.ended = False
-        self._rest = b""
-
-    def feed(self, data: bytes) -> None:
-        """Takes in bytes as they come out of the pipe; a line may be cut anywhere."""
-        lines = (self._rest + data).split(b"\n")
-        self._rest = lines.pop()
-        for line in lines:
-            self._take(json.loads(line))
-
-    def _take(self, line: dict[str, Any]) -> None:
-        kind = line["type"]
-        if kind == "header":
-            self.header = line
-        elif kind == "status":
-            self.status = line
-        elif kind == "end":
-            self.ended = True
-        else:
-            self.take_sample(line)
-
-    def take_sample(self, line: dict[str, Any]) -> None:
-        raise NotImplementedError
+class Stream(Reports):
+    """The report of one process."""
 
     @property
     def zero(self) -> float:
@@ -55,14 +29,11 @@ class MasterStream(Stream):
         self.lateness = array("d")  # seconds
         self.late_swaps = 0
 
-    def take_sample(self, line: dict[str, Any]) -> None:
-        self.frame = int(line["frame"])
-        self.lateness.append(line["time"] - line["boundary"])
-
-    def _take(self, line: dict[str, Any]) -> None:
-        super()._take(line)
-        if "late_swaps" in line:
-            self.late_swaps = int(line["late_swaps"])
+    def take_report(self, report: dict[str, Any]) -> None:
+        self.late_swaps = int(report.get("late_swaps", self.late_swaps))
+        if report["type"] == "update":
+            self.frame = int(report["frame"])
+            self.lateness.append(report["time"] - report["boundary"])
 
 
 class SlaveStream(Stream):
@@ -79,9 +50,15 @@ class SlaveStream(Stream):
         self.result = bytearray()  # index into RESULTS
         self.first_blend: int | None = None  # index of the first sample that was interpolated
         self.totals = [0] * len(RESULTS)
-        self.last: dict[str, Any] = {}
 
-    def take_sample(self, line: dict[str, Any]) -> None:
+    @property
+    def wait(self) -> dict[str, Any]:
+        """The newest sample; empty before the first."""
+        return self.last.get("wait", {})
+
+    def take_report(self, line: dict[str, Any]) -> None:
+        if line["type"] != "wait":
+            return
         result = RESULTS.index(line["result"])
         if line["blended"] and self.first_blend is None:
             self.first_blend = len(self.time)
@@ -94,4 +71,3 @@ class SlaveStream(Stream):
         self.bound.append(line["bound_ms"] / 1000)
         self.result.append(result)
         self.totals[result] += 1
-        self.last = line

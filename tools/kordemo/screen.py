@@ -22,15 +22,15 @@ def number(value: float | None, digits: int = 1, unit: str = "") -> str:
 
 
 def cell(slave: SlaveStream, key: str, digits: int, scale: float = 1.0) -> str:
-    value = slave.last.get(key)
+    value = slave.wait.get(key)
     return "-" if value is None else number(value * scale, digits)
 
 
 def slave_row(slave: SlaveStream) -> list[str]:
     header = slave.header
-    if header is None or not slave.last:
+    if header is None or not slave.wait:
         return ["starting", *[""] * (len(COLUMNS) - 1)]
-    position = slave.last["position"]
+    position = slave.wait["position"]
     return [
         header["name"],
         " ".join(header["cameras"]),
@@ -39,7 +39,7 @@ def slave_row(slave: SlaveStream) -> list[str]:
         cell(slave, "bound_ms", 1, 1000),
         "searching" if position < 0 else number(position, 2),
         *(str(count) for count in slave.totals),
-        str(slave.last["cache"]),
+        str(slave.wait["cache"]),
     ]
 
 

@@ -36,15 +36,15 @@ class Picture:
 def crossing(column: numpy.ndarray, outside: int, inside: int) -> float:
     """Where a bar's edge lies between two pixels of a column: how much of a pixel it covers tells. Its light adds to
     what is behind, and is cut off at full brightness, so the pixel that is covered less tells more."""
-    way = inside - outside
-    behind = column[outside - 2 * way]
+    step = inside - outside
+    behind = column[outside - 2 * step]
     while column[outside] - behind >= 0.5:  # the soft edge reaches one pixel further
-        outside -= way
+        outside -= step
     covered = column[outside] - behind
     if covered > 0.02:
-        return outside + 0.5 + way * (0.5 - covered)
-    covered = column[outside + way] - behind
-    return outside + way + 0.5 - way * (covered - 0.5)
+        return outside + 0.5 + step * (0.5 - covered)
+    covered = column[outside + step] - behind
+    return outside + step + 0.5 - step * (covered - 0.5)
 
 
 def edges(column: numpy.ndarray) -> tuple[float, float] | None:

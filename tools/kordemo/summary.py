@@ -37,7 +37,9 @@ from bisect import bisect_left
 from itertools import combinations
 from typing import Any, Iterable, Sequence
 
-from .cluster import Cluster, Process
+from korprocess import Process
+
+from .cluster import Cluster
 from .samples import RESULTS, MasterStream, SlaveStream
 
 NONE = RESULTS.index("none")
@@ -71,14 +73,14 @@ class SlaveFigures:
     """One slave's samples against the truth."""
 
     def __init__(self, process: Process, master: Process, interval: float) -> None:
-        assert isinstance(process.stream, SlaveStream)
-        self.stream = process.stream
+        assert isinstance(process.reports, SlaveStream) and isinstance(master.reports, MasterStream)
+        self.stream = process.reports
         self.process = process
         self.locked = self.stream.first_blend is not None
         self.begin = self.stream.first_blend or 0
         self.interval = interval
         self._master_started = master.started
-        self._true_offset = self.stream.zero - master.stream.zero
+        self._true_offset = self.stream.zero - master.reports.zero
         # A connection that ends right behind a wait takes its position away before the slave has noted it.
         self.applied = [
             i
@@ -174,16 +176,16 @@ def disagreement(a: SlaveFigures, b: SlaveFigures) -> list[float]:
 
 
 def figures(cluster: Cluster) -> Sequence[SlaveFigures]:
-    master, *slaves = cluster.processes
-    assert master.stream.header is not None
-    interval = float(master.stream.header["interval"])
+    master, *slaves = cluster.members
+    header = cluster.master.header
+    assert header is not None
+    interval = float(header["interval"])
     return [SlaveFigures(slave, master, interval) for slave in slaves]
 
 
 def summarize(cluster: Cluster, slaves: Sequence[SlaveFigures], seconds: float) -> dict[str, Any]:
     """The object that --json writes."""
     master = cluster.master
-    assert isinstance(master, MasterStream)
     pairs = combinations([slave for slave in slaves if slave.locked], 2)
     return {
         "seconds": round(seconds, 3),

@@ -9,15 +9,14 @@ import time
 from pathlib import Path
 from typing import Any
 
+from korprocess import ProcessError
 from rich.console import Console
 
-from .cluster import ClusterError, PortsTaken
 from .proof import LOCKED, Proof, join_all, measure
 from .screen import number, plain_table
 from .wallcluster import WallCluster, WallPlan, WindowClosed, on_a_display
 
 ALLOWED_STEP = 1.0  # pixels, of pictures for one position
-START_ATTEMPTS = 5
 
 EXIT_PROVED, EXIT_FAILED = 0, 1
 
@@ -35,35 +34,28 @@ def figures_table(figures: dict[str, Any], slaves: int) -> Any:
 def linger(cluster: WallCluster, until: float | None) -> None:
     """Leaves the windows open until then, or until somebody closes one."""
     while until is None or time.monotonic() < until:
-        with cluster.locked():
-            cluster.check()
-        time.sleep(0.1)
+        cluster.pump_for(0.1)
 
 
 def run_wall(plan: WallPlan, arguments: argparse.Namespace) -> tuple[WallCluster, Proof, bool]:
     """Runs the wall to its end. The last value: whether all pictures were taken before a window was closed."""
-    for attempt in range(START_ATTEMPTS):
-        cluster = WallCluster(plan)
-        begin = time.monotonic()
-        proof = Proof(cluster, arguments.captures)
-        proved = False
-        try:
-            with cluster:
-                try:
-                    proof.take()
-                    proved = True
-                    if on_a_display() or arguments.seconds:
-                        linger(cluster, begin + arguments.seconds if arguments.seconds else None)
-                except WindowClosed as name:
-                    print(f"demo: the window of {name} was closed", file=sys.stderr)
-            return cluster, proof, proved
-        except PortsTaken:
-            if attempt + 1 == START_ATTEMPTS:
-                raise
-        finally:
-            if arguments.logs:
-                cluster.save_logs(arguments.logs)
-    raise AssertionError("unreachable")
+    cluster = WallCluster(plan)
+    begin = time.monotonic()
+    proof = Proof(cluster, arguments.captures)
+    proved = False
+    try:
+        with cluster:
+            try:
+                proof.take()
+                proved = True
+                if on_a_display() or arguments.seconds:
+                    linger(cluster, begin + arguments.seconds if arguments.seconds else None)
+            except WindowClosed as name:
+                print(f"demo: the window of {name} was closed", file=sys.stderr)
+        return cluster, proof, proved
+    finally:
+        if arguments.logs:
+            cluster.save_logs(arguments.logs)
 
 
 def show(figures: dict[str, Any], slaves: int, wall: Path, console: Console) -> None:
@@ -81,7 +73,7 @@ def run(arguments: argparse.Namespace) -> int:
     """Runs the demo; returns its exit status."""
     folder = arguments.pictures or arguments.build / "wall"
     plan = WallPlan(
-        programs=arguments.build / "examples",
+        programs=arguments.build / "bin",
         slaves=arguments.slaves,
         lead=arguments.lead,
         rate=arguments.rate,
@@ -103,7 +95,7 @@ def run(arguments: argparse.Namespace) -> int:
         wall = join_all(proof, cluster.bars, folder)
         if arguments.json:
             arguments.json.write_text(json.dumps({"wall": figures}, indent=2) + "\n")
-    except ClusterError as error:
+    except ProcessError as error:
         print(f"demo: {error}", file=sys.stderr)
         return EXIT_FAILED
     except OSError as error:

@@ -3,13 +3,11 @@
 from __future__ import annotations
 
 import os
-import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from .cluster import BROADCAST, PORTS_IN_USE, Cluster, ClusterError, Plan, PortsTaken, ending_signals_blocked
-from .cluster import free_ports, joined
+from .cluster import BROADCAST, Cluster, Plan, joined
 from .samples import Stream
 from .xserver import XServer
 
@@ -25,17 +23,12 @@ class WallStream(Stream):
         super().__init__()
         self.pictures: list[dict[str, Any]] = []
         self.complaints: list[str] = []
-        self.closed = False
 
-    def _take(self, line: dict[str, Any]) -> None:
-        super()._take(line)
-        self.closed = self.closed or bool(line.get("closed"))
-
-    def take_sample(self, line: dict[str, Any]) -> None:
-        if line["type"] == "picture":
-            self.pictures.append(line)
-        elif line["type"] == "complaint":
-            self.complaints.append(line["text"])
+    def take_report(self, report: dict[str, Any]) -> None:
+        if report["type"] == "picture":
+            self.pictures.append(report)
+        elif report["type"] == "complaint":
+            self.complaints.append(report["text"])
 
 
 @dataclass(frozen=True)
@@ -52,13 +45,9 @@ class WallPlan(Plan):
 class WallCluster(Cluster):
     plan: WallPlan
 
-    def __init__(self, plan: WallPlan) -> None:
-        super().__init__(plan)
-        self._servers: list[XServer] = []
-
     @property
     def streams(self) -> list[WallStream]:
-        return [p.stream for p in self.processes if isinstance(p.stream, WallStream)]
+        return [p.reports for p in self.processes if isinstance(p.reports, WallStream)]
 
     @property
     def bars(self) -> list[dict[str, Any]]:
@@ -69,62 +58,41 @@ class WallCluster(Cluster):
 
     def command(self, line: str) -> None:
         """Tells the master what to do."""
-        stdin = self.processes[0].popen.stdin
-        assert stdin is not None
-        try:
-            stdin.write(line.encode() + b"\n")
-            stdin.flush()
-        except BrokenPipeError:
-            self.check()
+        self.members[0].tell(line)
 
     def _start(self) -> None:
         plan = self.plan
         count = plan.slaves
         width, height = plan.size
-        environments: list[dict[str, str]] = [{} for _ in range(count)]
-        if not on_a_display():
-            self._servers += [XServer(width, height) for _ in range(count)]
-            # One thread each: the machine's cores are the cluster's.
-            software = {"LIBGL_ALWAYS_SOFTWARE": "1", "LP_NUM_THREADS": "1", "SDL_VIDEODRIVER": "x11"}
-            environments = [software | {"DISPLAY": server.display()} for server in self._servers]
-        ports = free_ports(3 * count)
+        servers = [] if on_a_display() else [XServer(self, width, height) for _ in range(count)]
+        # One thread each: the machine's cores are the cluster's.
+        software = {"LIBGL_ALWAYS_SOFTWARE": "1", "LP_NUM_THREADS": "1", "SDL_VIDEODRIVER": "x11"}
+        environments = [software | {"DISPLAY": server.display()} for server in servers] or [None] * count
+        ports = self.claim_ports(3 * count)
         announce, bind, data = ports[:count], ports[count : 2 * count], ports[2 * count :]
         # fmt: off
         self._launch("master", WallStream(), [
             "kor-wall-master", "--commands", "--wall", f"{width * count},{height}", "--broadcast", BROADCAST,
             "--announce-ports", joined(announce), "--bind-ports", joined(bind), "--data-ports", joined(data),
             "--rate", f"{plan.rate:.17g}", "--lead", str(plan.lead),
-        ], stdin=subprocess.PIPE)
+        ], stdin=True)
         for i in range(count):
-            refresh = ["--refresh", f"{plan.refresh:.17g}"] if self._servers else []  # else what the display has
+            refresh = ["--refresh", f"{plan.refresh:.17g}"] if servers else []  # else what the display has
             self._launch(f"slave-{i + 1}", WallStream(), [
                 "kor-wall-slave", "--name", f"slave-{i + 1}", "--announce-port", str(announce[i]),
                 "--camera", f"{plan.camera(i)}={width * i},0,{width},{height}", "--rate", f"{plan.rate:.17g}",
-                "--pictures", str(plan.pictures), "--window", f"{0 if self._servers else width * i},0",
+                "--pictures", str(plan.pictures), "--window", f"{0 if servers else width * i},0",
                 "--phase", f"{i / count:.6f}", *refresh,
             ], environment=environments[i])
         # fmt: on
-        with ending_signals_blocked():
-            self._reader.start()
 
     def check(self) -> None:
-        for process in self.processes[1:]:
-            if process.popen.poll() == 0:
+        for process in self.members[1:]:
+            if process.status == 0 and not process.may_end:
                 raise WindowClosed(process.name)
         super().check()
-
-    def _end(self) -> None:
-        if self.processes and self.processes[0].popen.stdin:
-            self.processes[0].popen.stdin.close()
-        try:
-            super()._end()
-        finally:
-            for server in self._servers:
-                server.end()
 
 
 def on_a_display() -> bool:
     return bool(os.environ.get("DISPLAY") or os.environ.get("WAYLAND_DISPLAY"))
 
-
-__all__ = ["PORTS_IN_USE", "ClusterError", "PortsTaken", "WallCluster", "WallPlan", "WindowClosed", "on_a_display"]

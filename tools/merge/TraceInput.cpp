@@ -14,7 +14,7 @@ namespace {
 using nlohmann::json;
 
 /// No trace is that large: what is, is something else, and may have no end.
-constexpr std::size_t kLargestFile = std::size_t{1} << 30;
+constexpr std::size_t kMaxFile = std::size_t{1} << 30;
 constexpr std::size_t kChunk = std::size_t{1} << 20;
 
 bool readFile(const std::string& path, std::string& content, std::string& error) {
@@ -26,14 +26,14 @@ bool readFile(const std::string& path, std::string& content, std::string& error)
     errno = 0;
     std::ifstream file(path, std::ios::binary);
     const std::uintmax_t size = std::filesystem::file_size(path, ignored);
-    bool tooLarge = !ignored && size > kLargestFile;
+    bool tooLarge = !ignored && size > kMaxFile;
     content.clear();
     while (file && !tooLarge) {
         const std::size_t have = content.size();
         content.resize(have + kChunk);
         file.read(content.data() + have, static_cast<std::streamsize>(kChunk));
         content.resize(have + static_cast<std::size_t>(file.gcount()));
-        tooLarge = content.size() > kLargestFile;
+        tooLarge = content.size() > kMaxFile;
     }
     if (tooLarge) {
         error = "is larger than any trace";
@@ -57,9 +57,8 @@ struct TooDeep {};
 
 json parse(const std::string& content) {
     return json::parse(content, [](int depth, json::parse_event_t, const json&) {
-        if (depth > kDeepest) {
+        if (depth > kDeepest)
             throw TooDeep();
-        }
         return true;
     });
 }
@@ -81,27 +80,21 @@ double numberAt(const json& object, const char* key) {
 
 /// What is wrong with an event, or null.
 const char* faultOf(const json& event) {
-    if (textAt(event, "ph").size() != 1) {
+    if (textAt(event, "ph").size() != 1)
         return "has no phase";
-    }
     const json* thread = find(event, "tid");
-    if (!thread || !thread->is_number_integer()) {
+    if (!thread || !thread->is_number_integer())
         return "has no thread";
-    }
     const json* name = find(event, "name");
-    if (!name || !name->is_string()) {
+    if (!name || !name->is_string())
         return "has no name";
-    }
-    if (textAt(event, "ph") == "M") {
+    if (textAt(event, "ph") == "M")
         return nullptr;
-    }
     const json* time = find(event, "ts");
-    if (!time || !time->is_number() || std::abs(time->get<double>()) > 1e18) {
+    if (!time || !time->is_number() || std::abs(time->get<double>()) > 1e18)
         return "has no time";
-    }
-    if (textAt(event, "ph") == "X" && !(find(event, "dur") && find(event, "dur")->is_number())) {
+    if (textAt(event, "ph") == "X" && !(find(event, "dur") && find(event, "dur")->is_number()))
         return "has no duration";
-    }
     return nullptr;
 }
 
@@ -109,9 +102,8 @@ const char* faultOf(const json& event) {
 
 bool readTrace(const std::string& path, TraceInput& input, std::string& error) {
     std::string content;
-    if (!readFile(path, content, error)) {
+    if (!readFile(path, content, error))
         return false;
-    }
     json file;
     try {
         file = parse(content);

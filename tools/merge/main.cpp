@@ -79,14 +79,12 @@ public:
         std::stable_sort(inputs.begin(), inputs.end(), [](const TraceInput& a, const TraceInput& b) {
             return std::pair(a.role != "master", a.process) < std::pair(b.role != "master", b.process);
         });
-        for (TraceInput& input : inputs) {
+        for (TraceInput& input : inputs)
             take(input);
-        }
         startAtZero();
         sort();
-        for (json& event : journeys(events_)) {
+        for (json& event : journeys(events_))
             events_.push_back(std::move(event));
-        }
         sort();
     }
 
@@ -124,16 +122,13 @@ private:
     /// Viewers drop what lies before zero, where a slave that was started before its master may begin.
     void startAtZero() {
         double first = 0;
-        for (const json& event : events_) {
+        for (const json& event : events_)
             first = std::min(first, event["ts"].get<double>());
-        }
         zero_ = std::floor(first / kSecond) * kSecond;
-        if (zero_ == 0) {
+        if (zero_ == 0)
             return;
-        }
-        for (json& event : events_) {
+        for (json& event : events_)
             event["ts"] = event["ts"].get<double>() - zero_;
-        }
     }
 
     void sort() {
@@ -173,20 +168,17 @@ private:
 int merge(const std::vector<std::string>& paths, const std::string& output) {
     for (const std::string& path : paths) {
         std::error_code ignored;
-        if (std::filesystem::equivalent(path, output, ignored)) {
+        if (std::filesystem::equivalent(path, output, ignored))
             return fail(path + " is to be joined and to be written to");
-        }
     }
     std::vector<TraceInput> inputs;
-    if (!readAll(paths, inputs)) {
+    if (!readAll(paths, inputs))
         return kExitFailed;
-    }
     warn(inputs);
     const Merge merged(std::move(inputs));
     std::string error;
-    if (!merged.write(output, error)) {
+    if (!merged.write(output, error))
         return fail("cannot write " + output + ": " + error);
-    }
     merged.describe(output);
     return kExitDone;
 }

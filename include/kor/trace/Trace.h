@@ -1,7 +1,7 @@
 #pragma once
 
-#include <kor/KorLogicClient.h>
-#include <support/jTimer.h>
+#include "../../support/jTimer.h"
+#include "../KorLogicClient.h"
 
 #include <atomic>
 #include <cstddef>
@@ -147,9 +147,8 @@ public:
     TraceSpan(const TraceSpan&) = delete;
     TraceSpan& operator=(const TraceSpan&) = delete;
     ~TraceSpan() {
-        if (begin_ >= 0) {
+        if (begin_ >= 0)
             trace_.span(name_, begin_, jTimer::getTimeSecond());
-        }
     }
 
 private:

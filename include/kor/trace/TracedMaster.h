@@ -1,8 +1,8 @@
 #pragma once
 
-#include <kor/KorLogicServer.h>
-#include <kor/trace/Trace.h>
-#include <support/jTimer.h>
+#include "../../support/jTimer.h"
+#include "../KorLogicServer.h"
+#include "Trace.h"
 
 #include <concepts>
 #include <utility>

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <kor/KorCoders.h>
-#include <kor/KorLogicClient.h>
-#include <kor/Record.h>
-#include <kor/trace/Trace.h>
-#include <support/BufferReader.h>
-#include <support/jTimer.h>
-#include <support/RTHandlers.h>
-#include <support/RTUser.h>
+#include "../../support/BufferReader.h"
+#include "../../support/jTimer.h"
+#include "../../support/RTHandlers.h"
+#include "../../support/RTUser.h"
+#include "../KorCoders.h"
+#include "../KorLogicClient.h"
+#include "../Record.h"
+#include "Trace.h"
 
 #include <concepts>
 #include <cstdint>
@@ -21,11 +21,9 @@ namespace detail {
 inline int frameOfPacket(const void* data, std::uint32_t size) {
     BufferReader reader(data, size);
     int frame = -1;
-    while (!KorCoderBase::decodeEnd(reader)) {
-        if (KorCoderBase::decodeBegin(reader, frame) || !skipRecord(reader)) {
+    while (!KorCoderBase::decodeEnd(reader))
+        if (KorCoderBase::decodeBegin(reader, frame) || !skipRecord(reader))
             return frame;
-        }
-    }
     return -1;
 }
 
@@ -71,9 +69,8 @@ public:
 
     /// Releases the endpoint, because blocks must not arrive any more.
     ~TracedSlave() override {
-        if (this->client) {
+        if (this->client)
             this->client->release();
-        }
     }
 
     /// That of `Base`; "present" begins at its end.
@@ -84,9 +81,8 @@ public:
 
     /// That of `Base`, recorded as "swapEnd"; "present" ends at its start.
     void swapEnd(bool check) override {
-        if (presentBegin_ >= 0) {
+        if (presentBegin_ >= 0)
             trace_.presented(std::exchange(presentBegin_, -1.0), jTimer::getTimeSecond());
-        }
         const TraceSpan span(trace_, "swapEnd");
         Base::swapEnd(check);
     }
@@ -118,9 +114,8 @@ protected:
         Base::on_connect(addr);
         // The endpoint has just made itself the receiver; this runs on the layer's thread, between packets.
         arrivals_.setTarget(this->client);
-        if (RTUser* master = this->client->getUser()) {
+        if (RTUser* master = this->client->getUser())
             master->setPacketHandler(&arrivals_);
-        }
     }
     /// Notes the event, then calls that of `Base`. So do the next two.
     void on_reconnect(const RTAddr& addr) override {
@@ -146,9 +141,8 @@ private:
 
     void noteClock() {
         const RTUser* master = this->client && trace_.isRecording() ? this->client->getUser() : nullptr;
-        if (master) {
+        if (master)
             trace_.clock(master->getTimeOffset(), master->getTimeOffsetErrorBound(), master->getPing());
-        }
     }
 
     Trace& trace_;
