@@ -2,7 +2,7 @@
 
 #include "Role.h"
 
-#include "simulator/World.h"
+#include "simulator/Pair.h"
 
 #include <stdexcept>
 
@@ -21,60 +21,53 @@ WorldModel seeded(double seed) {
     return model;
 }
 
+HostModel shortDatagrams() {
+    HostModel model;
+    model.maxDatagramPayload = kPayload;
+    return model;
+}
+
 /// Two connected hosts 0.1 ms apart, each direction losing that part of its datagrams.
-class Scene {
-public:
-    Scene(double seed, double loss) : world(seeded(seed)), from(addHost()), to(addHost()) {
-        from.connect(to);
+struct LossyPair : Pair {
+    LossyPair(double seed, double loss) : Pair(seeded(seed), shortDatagrams(), shortDatagrams()) {
         world.runFor(kSecond / 2);
         PathModel path;
         path.loss = loss;
-        world.setPath(from, to, path);
+        world.setPath(master, slave, path);
     }
 
     const Ledger::Connection& connection() { return world.ledger().connections().begin()->second; }
-    /// Bytes and datagrams that the sender has put on the wire.
+    /// Bytes and datagrams that the slave has put on the wire; it is who sends.
     Numbers sent() {
         const auto& counts = world.tap().counts(connection().id, true);
         return {static_cast<double>(counts.bytes), static_cast<double>(counts.datagrams)};
     }
     void settle() {
-        world.settle();
+        drive();
         if (!world.faults().none())
             throw std::runtime_error(world.faults().text());
-    }
-
-    World world;
-    Host& from;
-    Host& to;
-
-private:
-    Host& addHost() {
-        HostModel model;
-        model.maxDatagramPayload = kPayload;
-        return world.addHost(model);
     }
 };
 
 /// How long each packet took, in milliseconds.
 Numbers delays(double seed, double loss, std::uint32_t bytes, int packets) {
-    Scene scene(seed, loss);
-    scene.world.flow(scene.from, scene.to, scene.world.now(), kInterval, packets, [bytes] { return bytes; });
-    scene.world.runFor(packets * kInterval);
-    scene.settle();
+    LossyPair pair(seed, loss);
+    pair.world.flow(pair.slave, pair.master, pair.world.now(), kInterval, packets, [bytes] { return bytes; });
+    pair.world.runFor(packets * kInterval);
+    pair.settle();
     Numbers result;
-    for (const Stream::Packet& packet : scene.connection().streams[1].packets)
+    for (const Stream::Packet& packet : pair.connection().streams[1].packets)
         result.push_back(static_cast<double>(packet.received - packet.sent) * 1e-6);
     return result;
 }
 
 /// Bytes and datagrams on the wire for one packet.
 Numbers wire(double seed, double loss, std::uint32_t bytes) {
-    Scene scene(seed, loss);
-    const Numbers before = scene.sent();
-    scene.from.send(scene.to, bytes);
-    scene.settle();
-    const Numbers after = scene.sent();
+    LossyPair pair(seed, loss);
+    const Numbers before = pair.sent();
+    pair.slave.send(pair.master, bytes);
+    pair.settle();
+    const Numbers after = pair.sent();
     return {after[0] - before[0], after[1] - before[1]};
 }
 

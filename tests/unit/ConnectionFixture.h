@@ -67,11 +67,22 @@ public:
         return events == expected;
     }
 
+    /// `user`, while it may change.
+    RTUser* connection() {
+        const std::lock_guard lock(mutex_);
+        return user;
+    }
+    /// The packets so far, while more may come.
+    std::vector<std::string> heard() {
+        const std::lock_guard lock(mutex_);
+        return packets;
+    }
+
     std::vector<std::string> events;
     std::vector<std::string> packets;
     std::vector<std::uint64_t> notices;
-    RTUser* user = nullptr;
-    bool keepsPackets = true; ///< and notices; else they go to the hook alone
+    RTUser* user = nullptr; ///< the newest connection
+    bool keepsPackets = true;           ///< and notices; else they go to the hook alone
     std::function<void(RTUser*, Packet*)> packetHook;
     std::function<void(RTUser*)> noticeHook;
 
@@ -92,6 +103,7 @@ private:
     std::condition_variable changed_;
 };
 
+/// A connection layer and nothing above it: takes everybody in and writes down what happens.
 struct Side {
     RTNet net;
     Recorder recorder{net};

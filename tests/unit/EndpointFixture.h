@@ -11,7 +11,6 @@
 #include <support/jLog.h>
 #include <support/jTimer.h>
 #include <support/profile.h>
-#include <support/RTNet.h>
 #include <support/RTUser.h>
 #include <support/SocketUDP.h>
 
@@ -125,46 +124,6 @@ public:
 
     double offset = -1e9;
     std::vector<RTPacketHandler*> handlers; ///< every one that was set
-};
-
-/// A connection layer and nothing above it: takes everybody in and writes down what it hears.
-class BarePeer final : RTUserHandler, RTPacketHandler {
-public:
-    BarePeer() {
-        net.setUserHandler(this);
-        EXPECT_TRUE(net.init(0));
-    }
-    ~BarePeer() { net.release(); }
-    unsigned short port() { return net.getLocalPorts()[0]; }
-
-    std::vector<std::string> heard() {
-        const std::lock_guard lock(mutex);
-        return packets;
-    }
-
-    RTNet net;
-    std::atomic<RTUser*> user{nullptr};      ///< the newest connection
-    std::atomic<std::uint64_t> delivered{0}; ///< packets that it has sent
-
-private:
-    void onConnect(const RTAddr& addr, bool established) override {
-        if (established) {
-            RTUser* connection = net.getUserByAddr(addr);
-            connection->setPacketHandler(this);
-            user = connection;
-        }
-    }
-    void onReConnect(const RTAddr&) override { user = nullptr; }
-    void onDisConnect(const RTAddr&) override { user = nullptr; }
-    void onConnectLost(const RTAddr&) override { user = nullptr; }
-    void onPacket(RTUser*, Packet* packet) override {
-        const std::lock_guard lock(mutex);
-        packets.emplace_back(reinterpret_cast<const char*>(packet->data), packet->size);
-    }
-    void onSendOver(RTUser*, RS_SendPacketsQueue*) override { ++delivered; }
-
-    std::mutex mutex;
-    std::vector<std::string> packets;
 };
 
 /// Hands a packet to a handler as the connection layer does: frees the bytes unless the handler has taken

@@ -1,5 +1,6 @@
 // The slave's endpoint: opening, discovery, connection, blocks. The master here is a bare connection layer.
 
+#include "tests/unit/ConnectionFixture.h"
 #include "tests/unit/EndpointFixture.h"
 
 #include <kor/KorClient.h>
@@ -16,7 +17,10 @@ using namespace kor::testing_support;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Master = BarePeer;
+/// Takes slaves in from its first moment.
+struct Master : Side {
+    Master() { EXPECT_TRUE(open()); }
+};
 
 /// A slot that writes down which event came and from whom.
 struct Slots {
@@ -75,7 +79,7 @@ struct KorClientTest : testing::Test {
                 announce(master);
                 client.wait(0);
             },
-            [&] { return client.isConnected() && master.user.load(); }));
+            [&] { return client.isConnected() && master.recorder.connection(); }));
     }
     int blocks() {
         AtomicLock guard(client.getLock());
@@ -142,18 +146,18 @@ TEST_F(KorClientTest, ConnectsAndIntroducesItself) {
     open();
     announce(master);
     announce(other);
-    ASSERT_TRUE(driveUntil([&] { client.wait(0); }, [&] { return !master.heard().empty(); }));
-    EXPECT_THAT(master.heard(), ElementsAre(introductionOf("node-a", {"left", "right"})));
+    ASSERT_TRUE(driveUntil([&] { client.wait(0); }, [&] { return !master.recorder.heard().empty(); }));
+    EXPECT_THAT(master.recorder.heard(), ElementsAre(introductionOf("node-a", {"left", "right"})));
     ASSERT_TRUE(driveUntil([] {}, [&] { return client.isConnected(); }));
     const std::string address = "127.0.0.1:" + std::to_string(master.port());
     EXPECT_THAT(log.lines(), ElementsAre("message: [" + address + "] recv broadcast"));
     EXPECT_THAT(slots.events(), ElementsAre("connect " + address));
-    EXPECT_EQ(other.user.load(), nullptr);
+    EXPECT_EQ(other.recorder.connection(), nullptr);
 
     EXPECT_GE(client.sendAsyn("hello", 5), 0);
     EXPECT_EQ(client.sendAsyn(nullptr, 5), -1);
-    ASSERT_TRUE(driveUntil([] {}, [&] { return master.heard().size() == 2; }));
-    EXPECT_EQ(master.heard()[1], "hello");
+    ASSERT_TRUE(driveUntil([] {}, [&] { return master.recorder.heard().size() == 2; }));
+    EXPECT_EQ(master.recorder.heard()[1], "hello");
 }
 
 TEST_F(KorClientTest, WaitsForBlocks) {
@@ -169,15 +173,19 @@ TEST_F(KorClientTest, WaitsForBlocks) {
     EXPECT_THAT(log.lines(), ElementsAre("warning: wait too long time"));
     EXPECT_GT(client.getWaitTime(), 0.05);
 
-    master.user.load()->sendAsyn("hello", 5);
+    master.recorder.connection()->sendAsyn("hello", 5);
     client.wait(1e300);
     ASSERT_EQ(blocks(), 1);
-    AtomicLock guard(client.getLock());
-    const KorData& block = client.getData().head->value;
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(block.data), static_cast<std::size_t>(block.size)),
-              "hello");
-    EXPECT_FALSE(block.applied);
-    EXPECT_GE(client.sendAsyn("from inside the lock", 4), 0);
+    {
+        AtomicLock guard(client.getLock());
+        const KorData& block = client.getData().head->value;
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(block.data), static_cast<std::size_t>(block.size)),
+                  "hello");
+        EXPECT_FALSE(block.applied);
+        EXPECT_GE(client.sendAsyn("from inside the lock", 4), 0);
+    }
+    client.release();
+    EXPECT_EQ(blocks(), 0) << "a later master must not find the data of this one";
 }
 
 TEST_F(KorClientTest, SearchesAgainAfterTheMasterHasGone) {
@@ -185,7 +193,7 @@ TEST_F(KorClientTest, SearchesAgainAfterTheMasterHasGone) {
     auto master = std::make_unique<Master>();
     const std::string first = "127.0.0.1:" + std::to_string(master->port());
     connectTo(*master);
-    master->user.load()->sendAsyn("one", 3);
+    master->recorder.connection()->sendAsyn("one", 3);
     ASSERT_TRUE(driveUntil([] {}, [&] { return blocks() == 1; }));
     for (int i = 0; i < 5; ++i)
         announce(*master); // must not be believed once the master has gone
@@ -229,17 +237,17 @@ TEST_F(KorClientTest, IgnoresOthersThatConnectToIt) {
     connectTo(master);
     Master stranger;
     stranger.net.connect("127.0.0.1", client.getNet()->getLocalPorts()[0], 1000, 3);
-    ASSERT_TRUE(driveUntil([] {}, [&] { return stranger.user.load() != nullptr; }));
+    ASSERT_TRUE(driveUntil([] {}, [&] { return stranger.recorder.connection() != nullptr; }));
     ASSERT_TRUE(driveUntil([] {}, [&] { return log.countWith("is not the master") == 1; }));
-    stranger.user.load()->sendAsyn("evil", 4);
+    stranger.recorder.connection()->sendAsyn("evil", 4);
     stranger.net.release();
-    master.user.load()->sendAsyn("good", 4);
+    master.recorder.connection()->sendAsyn("good", 4);
     ASSERT_TRUE(driveUntil([] {}, [&] { return blocks() > 0; }));
     AtomicLock guard(client.getLock());
     EXPECT_EQ(client.getData().count, 1);
     EXPECT_EQ(client.getData().head->value.data[0], 'g');
     EXPECT_TRUE(client.isConnected());
-    EXPECT_THAT(stranger.heard(), IsEmpty());
+    EXPECT_THAT(stranger.recorder.heard(), IsEmpty());
 }
 
 TEST_F(KorClientTest, TakesTheEventsOfAllWhileNoMasterIsKnown) {
@@ -271,7 +279,7 @@ TEST_F(KorClientTest, WaitsForTheConnectionLayerToReconnect) {
     Master master;
     connectTo(master);
     RTUserHandler& events = client;
-    const RTAddr addr = master.user.load() ? client.getUser()->getAddr() : RTAddr();
+    const RTAddr addr = master.recorder.connection() ? client.getUser()->getAddr() : RTAddr();
     events.onReConnect(addr);
     EXPECT_FALSE(client.isConnected());
     EXPECT_EQ(client.sendAsyn("x", 1), 0);

@@ -1,5 +1,6 @@
 // The master's logic: registry of slaves, reports, and the paced frame cycle.
 
+#include "tests/unit/ConnectionFixture.h"
 #include "tests/unit/EndpointFixture.h"
 
 #include <kor/KorLogicServer.h>
@@ -283,7 +284,8 @@ TEST(MasterEvents, NeedOnlyTheRegistrysLock) {
         }
     });
     for (int i = 1; i <= 20; ++i) {
-        BarePeer peer;
+        Side peer;
+        ASSERT_TRUE(peer.open());
         peer.net.connect("127.0.0.1", master.server->getPorts()[0], 1000, 3);
         EXPECT_TRUE(driveUntil([&] { master.wait(0); }, [&] { return master.connects == i; }));
     }
