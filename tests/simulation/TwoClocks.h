@@ -143,7 +143,7 @@ private:
                 exchanges_.push_back({arrival, {here(t), there(arrivalThere), there(answer), here(arrival)}});
                 ++answered;
             }
-            // A volley until it has told enough, then the usual rate with some jitter.
+            // A burst until it has told enough, then the usual rate with some jitter.
             ++sent;
             t += sent < 8 || answered < 4 ? 0.005 : (0.75 + 0.5 * uniform()) / scenario_.samplesPerSecond;
         }

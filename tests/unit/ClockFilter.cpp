@@ -40,7 +40,7 @@ struct Peer {
     }
 };
 
-void volley(ClockFilter& filter, const Peer& peer, Nanoseconds from = 0) {
+void burst(ClockFilter& filter, const Peer& peer, Nanoseconds from = 0) {
     for (int i = 0; i < 8; ++i)
         filter.add(peer.exchange(from + i * 5 * kMillisecond));
 }
@@ -57,7 +57,7 @@ TEST(ClockFilter, IsExactWithoutNoise) {
     ClockFilter filter;
     Peer peer;
     peer.skewPpm = 30;
-    volley(filter, peer);
+    burst(filter, peer);
     idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
     EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 5);
     EXPECT_NEAR(peer.error(filter, 21 * kSecond), 0, 30);
@@ -109,7 +109,7 @@ TEST(ClockFilter, IgnoresImpossibleAndLateSamples) {
     ClockFilter filter;
     filter.setMaxDelay(10 * kMillisecond);
     const Peer peer;
-    volley(filter, peer);
+    burst(filter, peer);
     const ClockEstimate before = filter.estimate();
     const ClockSample good = peer.exchange(kSecond, kMillisecond);
     const auto expectIgnored = [&](ClockSample sample, const char* what) {
@@ -137,7 +137,7 @@ TEST(ClockFilter, KeepsItsCourseThroughStrayContradictions) {
     const Peer peer;
     Peer wrong = peer;
     wrong.startThere += 20 * kMillisecond;
-    volley(filter, peer);
+    burst(filter, peer);
     for (int i = 0; i < 200; ++i) {
         const Nanoseconds t = kSecond + i * 20 * kMillisecond;
         filter.add((i % 4 == 0 ? peer : wrong).exchange(t));
@@ -159,7 +159,7 @@ TEST(ClockFilter, KeepsItsCourseThroughAMomentOfContradictions) {
             peer.skewPpm = -40;
             Peer wrong = peer;
             wrong.startThere += static_cast<Nanoseconds>(offBy);
-            volley(filter, peer);
+            burst(filter, peer);
             for (Nanoseconds t = 40 * kMillisecond; t < start; t += 125 * kMillisecond)
                 filter.add(peer.exchange(t, 0, wait(), wait()));
             ASSERT_TRUE(filter.estimate().known);
@@ -174,6 +174,24 @@ TEST(ClockFilter, KeepsItsCourseThroughAMomentOfContradictions) {
         }
 }
 
+TEST(ClockFilter, FollowsAClockThatHasJumpedAtOnce) {
+    // A step where the difference is over a millisecond, and nothing left of the doubt.
+    ClockFilter filter;
+    Peer peer;
+    burst(filter, peer);
+    idle(filter, peer, 100 * kMillisecond, kSecond);
+    peer.startThere += 20 * kMillisecond;
+    for (int i = 0; i != 4; ++i) {
+        EXPECT_EQ(filter.estimate().breaks, 0U) << i;
+        filter.add(peer.exchange(kSecond + i * 5 * kMillisecond));
+        EXPECT_EQ(filter.doubtful(), i != 3) << i;
+    }
+    EXPECT_EQ(filter.estimate().breaks, 1U);
+    EXPECT_NEAR(peer.error(filter, kSecond + 20 * kMillisecond), 0, kMicrosecond);
+    filter.add(peer.exchange(kSecond + 30 * kMillisecond));
+    EXPECT_FALSE(filter.doubtful());
+}
+
 TEST(ClockFilter, KeepsNanosecondsOfLargeOffsets) {
     const struct {
         Nanoseconds offset;
@@ -184,7 +202,7 @@ TEST(ClockFilter, KeepsNanosecondsOfLargeOffsets) {
         Peer peer;
         peer.skewPpm = 30;
         peer.startThere = test.offset;
-        volley(filter, peer);
+        burst(filter, peer);
         idle(filter, peer, 100 * kMillisecond, 20 * kSecond);
         EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, test.tolerance) << test.offset;
     }
@@ -219,7 +237,7 @@ TEST(ClockFilter, SurvivesHostileStamps) {
     }
     // Afterwards an honest peer is learnt all the same.
     const Peer peer;
-    volley(filter, peer, 41 * kSecond);
+    burst(filter, peer, 41 * kSecond);
     idle(filter, peer, 42 * kSecond, 60 * kSecond);
     EXPECT_NEAR(peer.error(filter, 60 * kSecond), 0, kMicrosecond);
 }
@@ -228,7 +246,7 @@ TEST(ClockFilter, StraysThatDisagreeNeverJoin) {
     // Four in a row contradict the estimate, but each shows another clock.
     ClockFilter filter;
     const Peer peer;
-    volley(filter, peer);
+    burst(filter, peer);
     for (int i = 0; i < 200; ++i) {
         const Nanoseconds t = kSecond + i * 20 * kMillisecond;
         Peer wrong = peer;

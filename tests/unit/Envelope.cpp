@@ -95,6 +95,40 @@ TEST(Envelope, BoundsAreNoWiderThanThePointsAllow) {
     EXPECT_LT(fit.slopeError(), 5'600); // ... and what age adds to them
 }
 
+TEST(Envelope, BoundsARateThatWanders) {
+    const double wander = 20;
+    BucketMinima forth;
+    BucketMinima back;
+    for (int i = 60; i >= 0; --i) {
+        const double age = seconds(i * 260 * kMillisecond);
+        const double delay = 1000 + 1500 * (i % 3); // the bend stays within them
+        forth.add({kInstant - i * 260 * kMillisecond, delay + wander * age * age / 2}, 0);
+        back.add({kInstant - i * 260 * kMillisecond, delay - wander * age * age / 2}, 0);
+    }
+    const EnvelopeFit fit = fitEnvelope(forth, back, kInstant, wander, kCrystal);
+    EXPECT_LE(std::fabs(fit.offset), fit.error());
+    EXPECT_GT(fit.error(), fitEnvelope(forth, back, kInstant, 0, kCrystal).error());
+}
+
+TEST(Envelope, IsSharperThanTheEdgeOfDelaysThatVaryLittle) {
+    std::mt19937_64 random(7);
+    std::normal_distribution<double> noise(4'000, 500);
+    double sum = 0;
+    constexpr int kRuns = 50;
+    for (int run = 0; run != kRuns; ++run) {
+        BucketMinima forth;
+        BucketMinima back;
+        for (int i = 60; i >= 0; --i) {
+            const Nanoseconds time = kInstant - i * 260 * kMillisecond;
+            const double early = i > 55 ? -1'500 : 0; // a first burst through warm caches
+            forth.add({time, noise(random) + early}, 0);
+            back.add({time, noise(random) + early}, 0);
+        }
+        sum += std::fabs(fitEnvelope(forth, back, kInstant, 0, kCrystal).offset);
+    }
+    EXPECT_LT(sum / kRuns, 150); // of the line with the widest margin alone: 990
+}
+
 TEST(Envelope, ShowsThatNoLineFits) {
     // The clock jumped in the middle by more than both delays.
     BucketMinima forth;
@@ -135,9 +169,9 @@ TEST(BucketMinima, MergesBucketsUntilSixteenSecondsFit) {
 
 TEST(BucketMinima, MergingKeepsTheLowerOfTwo) {
     BucketMinima minima;
-    // 65 buckets of 4 ms, of which every second one is low: the pairs that remain are all low.
+    // 65 buckets of 4 ms, of which one in each pair is low, the first or the second: the pairs are all low.
     for (int i = 0; i <= 64; ++i)
-        minima.add({i * 4 * kMillisecond, i % 2 == 0 ? 1000.0 : 10.0}, 0);
+        minima.add({i * 4 * kMillisecond, i % 4 == 0 || i % 4 == 3 ? 10.0 : 1000.0}, 0);
     ASSERT_EQ(minima.points().size(), 33U);
     for (std::size_t i = 0; i != 32; ++i)
         EXPECT_EQ(minima.points()[i].value, 10) << i;

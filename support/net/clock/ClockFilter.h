@@ -47,9 +47,10 @@ struct ClockEstimate {
 /// it may fail for some seconds.
 ///
 /// Stamps that would have arrived before they were sent are set aside; when four of them in a row, over at
-/// least 10 ms, agree with one another, a clock has jumped or stood still, and they replace everything. That
-/// is the one case in which the line may step, and only by more than a millisecond. Stamps may be any 64-bit
-/// values: hostile ones make the estimate of the peer that sent them worthless, and nothing else.
+/// least 10 ms, agree with one another, a clock has jumped or stood still, and they replace everything. Then
+/// the line may step, by more than a millisecond; and it steps when it was off by more than the longest
+/// delay, which no honest stamps bring about. Stamps may be any 64-bit values: hostile ones make the estimate
+/// of the peer that sent them worthless, and nothing else.
 ///
 /// Not thread-safe: belongs to one connection. Reads no clock; allocates at construction only.
 class ClockFilter {

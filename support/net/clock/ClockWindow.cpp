@@ -8,8 +8,8 @@ namespace kor::detail {
 namespace {
 
 constexpr double kSlack = 1'000; // ns: what samples may contradict a line by
-constexpr double kWander =
-    20; // ns/s^2: the rate of a crystal in a room changes by 0.01 ppm per second or less
+// ns/s^2: the rate of a crystal in a room changes by 0.01 ppm per second or less.
+constexpr double kWander = 20;
 constexpr Nanoseconds kBackwards = 10 * kSecond; // our own clock never goes back that far
 constexpr Nanoseconds kOldest = 64 * kSecond;    // kept when samples come rarely
 
@@ -96,7 +96,8 @@ bool ClockWindow::add(const ClockSample& sample) {
     const Nanoseconds unfitted = newest_ - fittedAt_;
     const bool due = newBucket && unfitted >= std::min(span() / kFitsPerSpan, kMaxUnfitted);
     stale_ = stale_ || ((keptForth || keptBack) && (lower || due));
-    if (samples_ > kSamplesToFitAll && (!stale_ || unfitted < kMinUnfitted))
+    const bool early = another && samples_ <= kSamplesToFitAll;
+    if (!early && (!stale_ || unfitted < kMinUnfitted))
         return false;
     refit();
     stale_ = false;

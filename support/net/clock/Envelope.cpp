@@ -11,6 +11,7 @@ constexpr double kSlopePrecision = 0.5; // nanoseconds per second
 // Clocks are built to run alike, so that a lever of 10 ms turns the line by no more than 100 ppm. Seconds per
 // (nanosecond per second).
 constexpr double kStiffness = 1e-7;
+constexpr double kQuiet = 5'000; // ns: what the delays of a path without queues vary by
 
 double seconds(Nanoseconds duration) {
     return static_cast<double>(duration) * 1e-9;
@@ -80,6 +81,47 @@ double lastPassing(const LowerHull& forth, const LowerHull& back, double inside,
     }
     return outside;
 }
+
+/// Least squares over the points of both directions that lie close to the line, with one slope.
+class QuietLine {
+public:
+    explicit QuietLine(Nanoseconds now) : now_(now) {}
+
+    /// `sign` is 1 forth and -1 back; the line passes at `value` now.
+    void add(const BucketMinima& minima, double value, double slope, double sign) {
+        double count = 0, time = 0, height = 0, square = 0, product = 0;
+        for (const EnvelopePoint& point : minima.points()) {
+            const double t = seconds(point.time - now_);
+            const double above = point.value - value - slope * t;
+            if (above > kQuiet)
+                continue;
+            ++count;
+            time += t;
+            height += above;
+            square += t * t;
+            product += t * above;
+        }
+        enough_ = enough_ && 2 * count >= static_cast<double>(minima.points().size());
+        square_ += square - time * time / count;
+        product_ += sign * (product - time * height / count);
+        offset_ += sign * height / count / 2;
+        middle_ += time / count / 2;
+    }
+
+    /// False when a direction has delays that vary by more, as those of a queue do: then only the least tell.
+    bool quiet() const { return enough_ && square_ > 0; }
+    /// What it adds to the line's slope, and to its offset now.
+    double slope() const { return product_ / square_; }
+    double offset() const { return offset_ - slope() * middle_; }
+
+private:
+    Nanoseconds now_;
+    bool enough_ = true;
+    double square_ = 0;
+    double product_ = 0;
+    double offset_ = 0;
+    double middle_ = 0;
+};
 
 } // namespace
 
@@ -167,6 +209,13 @@ EnvelopeFit fitEnvelope(const BucketMinima& forth, const BucketMinima& back, Nan
     // No point is later than the instant of the fit, where the steepest line is the highest.
     fit.high = agedForth.touch(fit.slopeHigh).value;
     fit.low = -agedBack.touch(-fit.slopeLow).value;
+    QuietLine quiet(now);
+    quiet.add(forth, above, fit.slope, 1);
+    quiet.add(back, -below, -fit.slope, -1);
+    if (quiet.quiet()) {
+        fit.offset = std::clamp(fit.offset + quiet.offset(), fit.low, fit.high);
+        fit.slope = std::clamp(fit.slope + quiet.slope(), fit.slopeLow, fit.slopeHigh);
+    }
     return fit;
 }
 
