@@ -22,7 +22,8 @@ struct NetOptions {
     bool warmSends = true;
     /// False: never wait for more. With 16 connections or more, what comes while only acknowledgements come
     /// (and the delivery notices in them) is read every 0.1 ms, and short packets that follow others within
-    /// 0.05 ms leave together.
+    /// 0.05 ms leave together. While the pieces of a large packet follow each other closely, they are read
+    /// every 0.03 ms.
     bool gather = true;
 };
 

@@ -45,7 +45,7 @@ bool NetSession::receiveSome(std::size_t socket) {
     expectsMany_ = runs > 1 || !sleptFor(batch_[0]);
     for (const ReceivedRun& run : batch_) {
         lastBusy_ = std::max(lastBusy_, run.arrival);
-        turn_.received(std::max<std::size_t>(run.segmentSize, 1));
+        gathering_.received(turn_, run);
         const RTAddr from(run.from.ip, run.from.port);
         for (std::size_t n = 0; n != run.datagramCount(); ++n)
             endpoint_->onDatagram(socket, from, run.datagram(n), run.arrival);
