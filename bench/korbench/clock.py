@@ -33,7 +33,10 @@ def clock(bench: Bench) -> None:
         idle = errors()
         master.ask("load", 1)
         bench.pump_for(SETTLE_SECONDS)
-        return idle + errors()
+        loaded = errors()
+        master.ask("load", 0)
+        bench.end(ends)
+        return idle + loaded
 
     (medians,) = take_turns(1, bench.ours(lambda build: lambda: measure(build)))
     limits = {"limit": [2.0, 10.0, 20.0, 100.0]}

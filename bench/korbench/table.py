@@ -25,7 +25,7 @@ class Row:
 def digits(value: float) -> str:
     """Four digits that count, without an exponent."""
     size = abs(value)
-    decimals = 0 if size >= 1000 else 1 if size >= 100 else 2 if size >= 10 else 3
+    decimals = sum(size < limit for limit in (1000, 100, 10))
     return f"{value:.{decimals}f}"
 
 

@@ -88,6 +88,8 @@ class Process:
         self._owner = owner
         self._own_session = own_session
         self._log: IO[bytes] = tempfile.TemporaryFile()
+        # It shares the position with the process: reading must not send the writer back to the beginning.
+        fcntl.fcntl(self._log, fcntl.F_SETFL, fcntl.fcntl(self._log, fcntl.F_GETFL) | os.O_APPEND)
         parent = os.getpid()
         try:
             with new_pipe(pipe) as first, new_pipe(output) as second:
