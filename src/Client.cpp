@@ -47,7 +47,7 @@ void Client::onPacket(RTUser* from, Packet* packet) {
     BufferReader reader(packet->data, size);
     if (kor_init(reader)) {
         init = true;
-        jLog::message("[%s] init, name:%s", peer.formatString().c_str(), identity.copyName().c_str());
+        jLog::message("[%s] init, name:%s", peer.formatString().c_str(), identity.newestName().c_str());
         return;
     }
     refusedIntroductions = refusedIntroductions + 1;

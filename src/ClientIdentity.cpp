@@ -56,9 +56,10 @@ const jVector<jString>& ClientIdentity::camNames() const {
     return block ? block->camNames : noNames();
 }
 
-jString ClientIdentity::copyName() const {
+jString ClientIdentity::newestName() const {
     AtomicLock guard(&lock_);
-    return current_ ? current_->name : jString::null();
+    const Block* newest = next_ ? next_ : current_;
+    return newest ? newest->name : jString::null();
 }
 
 void ClientIdentity::setName(const jString& newName) {

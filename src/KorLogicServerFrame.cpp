@@ -95,8 +95,8 @@ bool KorLogicServer::swap() {
     const double start = jTimer::getTimeSecond();
     wait(static_cast<double>(waitTime));
     const double waited = jTimer::getTimeSecond();
-    profileName(detail::toFloat((waited - start) * 1000.0), kWait, vec4_red);
     const FrameView view(*this);
+    profileName(detail::toFloat((waited - start) * 1000.0), kWait, vec4_red);
 
     int target = -1;
     bool advance = next_frame(target);

@@ -23,7 +23,7 @@ public:
     /// @}
 
     /// The name for any thread.
-    jString copyName() const;
+    jString newestName() const;
 
     void setName(const jString& name);
     void setCamNames(const jVector<jString>& camNames);
