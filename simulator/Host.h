@@ -100,7 +100,6 @@ private:
     void checkMemory();
     void plan();
     void wakeAt(Nanoseconds trueTime);
-    void endLink(const detail::NetEvent& event);
     Nanoseconds clockAt(Nanoseconds trueTime) const;
     Nanoseconds trueTimeOf(Nanoseconds local) const;
 

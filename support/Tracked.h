@@ -58,11 +58,20 @@ void* allocateTracked(std::size_t size, bool isArray) {
     return block;
 }
 
+/// Frees what `allocateTracked` gave; null does nothing.
+template <SourceText kFile, SourceText kLabel>
+void releaseTracked(void* block) {
+    if (block == nullptr)
+        return;
+    memRemoveInfo(block, kFile.text, 0, kLabel.text);
+    jAllocator::get()->localFree(block);
+}
+
 /// Base of a class whose objects come from the library's allocator when they are made by `new`.
 template <SourceText kFile, SourceText kLabel>
 struct TrackedNew {
     static void* operator new(std::size_t size) { return allocateTracked<kFile, kLabel>(size, false); }
-    static void operator delete(void* block) { jAllocator::get()->localFree(block); }
+    static void operator delete(void* block) { releaseTracked<kFile, kLabel>(block); }
 };
 
 /// Lets a standard container or shared pointer live in memory of the library's allocator.
@@ -81,7 +90,7 @@ struct TrackedAllocator {
     T* allocate(std::size_t n) {
         return static_cast<T*>(allocateTracked<kFile, kLabel>(n * sizeof(T), n > 1));
     }
-    void deallocate(T* block, std::size_t) { jAllocator::get()->localFree(block); }
+    void deallocate(T* block, std::size_t) { releaseTracked<kFile, kLabel>(block); }
 
     template <class U>
     bool operator==(const TrackedAllocator<U, kFile, kLabel>&) const {

@@ -11,7 +11,6 @@
 
 namespace kor {
 
-using detail::Event;
 using detail::EventKind;
 
 namespace {

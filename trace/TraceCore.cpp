@@ -91,7 +91,7 @@ bool TraceCore::write(const std::string& path, std::string& error) {
         const std::lock_guard names(namesLock_);
         recording.threadNames = threadNames_;
     }
-    return writeTrace(std::move(recording), path, error);
+    return writeTrace(recording, path, error);
 }
 
 TraceCounts TraceCore::counts() {

@@ -257,7 +257,7 @@ private:
 
 } // namespace
 
-bool writeTrace(Recording recording, const std::string& path, std::string& error) {
+bool writeTrace(const Recording& recording, const std::string& path, std::string& error) {
     WholeFile file;
     bool written = file.open(path);
     if (written) {

@@ -22,6 +22,6 @@ struct Recording {
 
 /// Writes a recording as a file in the Chrome trace event format (JSON object form), events in the order of
 /// their time. False when that fails; `error` says why. Throws `std::bad_alloc`.
-bool writeTrace(Recording recording, const std::string& path, std::string& error);
+bool writeTrace(const Recording& recording, const std::string& path, std::string& error);
 
 } // namespace kor::detail

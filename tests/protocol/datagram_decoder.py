@@ -68,8 +68,8 @@ def require(condition, reason="badFrame"):
 def decode(data):
     """Returns the fields of a datagram; raises Rejected."""
     require(len(data) >= HEADER_BYTES, "tooShort")
-    check_sum, kind, version, flags, reserved, connection_id = struct.unpack("<IBBBBQ", data[:HEADER_BYTES])
-    require(check_sum == crc32c(data[4:]), "checksum")
+    checksum, kind, version, flags, reserved, connection_id = struct.unpack("<IBBBBQ", data[:HEADER_BYTES])
+    require(checksum == crc32c(data[4:]), "checksum")
     require(REQUEST <= kind <= DATA and version == 1, "unknownKind")
     require(flags <= 1 and reserved == 0)
     require(kind not in EXACT_SIZE or len(data) == EXACT_SIZE[kind])

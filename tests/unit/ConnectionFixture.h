@@ -81,8 +81,8 @@ public:
     std::vector<std::string> events;
     std::vector<std::string> packets;
     std::vector<std::uint64_t> notices;
-    RTUser* user = nullptr; ///< the newest connection
-    bool keepsPackets = true;           ///< and notices; else they go to the hook alone
+    RTUser* user = nullptr;   ///< the newest connection
+    bool keepsPackets = true; ///< and notices; else they go to the hook alone
     std::function<void(RTUser*, Packet*)> packetHook;
     std::function<void(RTUser*)> noticeHook;
 

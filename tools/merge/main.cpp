@@ -39,7 +39,7 @@ bool readAll(const std::vector<std::string>& paths, std::vector<TraceInput>& inp
         TraceInput input{};
         std::string error;
         if (!readTrace(path, input, error)) {
-            fail(path + " " + error);
+            fail(std::string(path).append(" ").append(error));
             sound = false;
             continue;
         }

@@ -37,8 +37,8 @@ void remove(std::size_t index) {
 std::uint32_t blockCapacity(std::uint32_t size) {
     if (size < kMinBytes || size > kMaxBytes)
         return size;
-    const std::uint32_t step = std::bit_floor(size) / 8;
-    return (size + step - 1) / step * step;
+    const auto step = static_cast<unsigned>(std::bit_width(size)) - 4U; // an eighth of the power of two below
+    return (((size - 1) >> step) + 1) << step;
 }
 
 void* takeSpareBlock(std::uint32_t size) {

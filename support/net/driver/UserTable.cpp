@@ -20,7 +20,7 @@ UserTable::User* UserTable::find(std::uint64_t serial) {
     return last_;
 }
 
-void UserTable::add(std::shared_ptr<NetPeer> peer) {
+void UserTable::add(const std::shared_ptr<NetPeer>& peer) {
     User user{peer, std::make_unique<NetUser>(peer)};
     const std::lock_guard lock(mutex_);
     byKey_[peer->addr().getKey()] = user.user.get();

@@ -26,7 +26,7 @@ public:
 
     /// Null when there is none. Stays until that user is taken.
     User* find(std::uint64_t serial);
-    void add(std::shared_ptr<NetPeer> peer);
+    void add(const std::shared_ptr<NetPeer>& peer);
     /// Takes a user out of the table; empty when there is none.
     User take(std::uint64_t serial);
     /// Keeps a user that was taken readable, until 256 others have followed it.
