@@ -31,7 +31,7 @@ bool KorLogicServer::init(const jString& broadcastIP, jVector<unsigned short>& b
         release();
     forget_slaves();
     server = detail::makeTracked<KorServer>(kFile, __LINE__, "KorLogicServer::init");
-    server->letGoOfRetired = [this] { return let_go(); };
+    watch_records();
     server->setHandler(this); // first, or a slave that connects at once would be missed
     if (!server->init(ip, broadcastSendPorts, broadcastBindPorts, dataPorts)) {
         jLog::error("%s:init KorServer failed", "KorLogicServer::init");

@@ -65,6 +65,7 @@ int KorLogicServer::wait(double timeout) {
     if (!server)
         return 0;
     check_slave();
+    watch_records(); // a class of the application's own may have set the endpoint
     const int result = server->wait(timeout);
     read_reports();
     return result;

@@ -158,6 +158,12 @@ void KorLogicServer::publish_slaves() {
         departedLists.push_back(old);
 }
 
+/// Has the endpoint ask before it frees records that the registry points to.
+void KorLogicServer::watch_records() {
+    AtomicLock guard(server->getLock());
+    server->letGoOfRetired.call = [this] { return let_go(); };
+}
+
 /// Frees what has left the registry, and takes away its pointers to records that the endpoint is about to
 /// free. Does nothing and returns false during a frame, which may show them still.
 bool KorLogicServer::let_go() {

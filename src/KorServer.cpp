@@ -123,7 +123,7 @@ int KorServer::wait(double) {
     AtomicLock guard(&lock);
     for (Client* client : clients)
         client->setWaitTime(0);
-    if (!letGoOfRetired || letGoOfRetired()) {
+    if (!letGoOfRetired.call || letGoOfRetired.call()) {
         for (Client* client : clients)
             client->identity.collect();
         if (records)

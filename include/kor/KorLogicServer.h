@@ -179,6 +179,7 @@ private:
     class FrameView;
 
     void publish_slaves();
+    void watch_records();
     bool let_go();
     void forget_slaves();
     void read_reports();

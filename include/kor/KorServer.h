@@ -58,7 +58,8 @@ protected:
 ///
 /// Lifetime: `init`, then `wait` once per frame, then `release`. A record that has left the list stays
 /// readable for the application until its next `wait`. The records belong to the endpoint and to its copies
-/// together and are freed with the last of these.
+/// together and are freed with the last of these, those that have left the list by `wait` of the endpoint,
+/// even while a copy lists them.
 class KOR_API KorServer : public RTUserHandler {
 public:
     /// The process-wide endpoint, made on the first call. Not to be raced for with another thread.
@@ -192,8 +193,14 @@ private:
     std::shared_ptr<detail::ClientRecords> records;
 
     // Takes away a registry's pointers to records that have gone; false when it cannot for the moment. Called
-    // with the lock held.
-    std::function<bool()> letGoOfRetired;
+    // with the lock held. A copy has none: the registry knows the records of this endpoint only.
+    struct RegistryHook {
+        RegistryHook() = default;
+        RegistryHook(const RegistryHook&) {}
+        RegistryHook& operator=(const RegistryHook&) { return *this; }
+        std::function<bool()> call;
+    };
+    RegistryHook letGoOfRetired;
 };
 
 } // namespace kor
