@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Measures the connection layer beside bare UDP, TCP and ENet, all in one run.
+"""Measures the connection layer beside bare UDP, TCP, ENet and CycloneDDS, all in one run.
 
 The ratio is value / reference; what the reference is, the row's name tells after "vs". Usually started by
 script/bench, which builds the program first.

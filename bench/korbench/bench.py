@@ -50,9 +50,19 @@ class Bench(Processes):
 
     def start_role(self, role: str, *numbers: float, build: Path | None = None) -> tuple[Process, list[float]]:
         """Returns the process and what it answers once it is ready."""
-        command = [(build or self._builds[""]) / ROLES, role, *(f"{number:.17g}" for number in numbers)]
-        process = self.start(role, command, stdin=True, output=Answers())
+        process = self._start(role, numbers, build)
         return process, process.hear()
+
+    def start_roles(self, count: int, role: str, *numbers: float, build: Path | None = None) -> list[Process]:
+        """The same many times at once."""
+        processes = [self._start(role, numbers, build) for _ in range(count)]
+        for process in processes:
+            process.hear()
+        return processes
+
+    def _start(self, role: str, numbers: Sequence[float], build: Path | None) -> Process:
+        command = [(build or self._builds[""]) / ROLES, role, *(f"{number:.17g}" for number in numbers)]
+        return self.start(role, command, stdin=True, output=Answers())
 
     def start_pair(
         self, transport: str, roles: tuple[str, str], *settings: float, build: Path | None = None

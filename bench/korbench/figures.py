@@ -7,7 +7,7 @@ from dataclasses import dataclass
 
 from .bench import Bench
 from .clock import clock
-from .peers import fan_out, idle
+from .peers import fan_out, idle, readers
 from .single import repair, trace, tracking, wire_bytes
 from .traffic import bulk, bulk_loopback, bulk_plain, large_packet, round_trip
 
@@ -30,6 +30,7 @@ FIGURES = [
     Figure("bulk-loopback", "the same in datagrams of loopback's full size", bulk_loopback, True),
     Figure("large-packet", "one packet of 2 MiB, from sendAsyn to onPacket; median", large_packet, True),
     Figure("fan-out", "1 KiB to each of 250 peers 240 times a second: sender's load, spread of a tick", fan_out, True),
+    Figure("readers", "1 KiB to 16 and 100 readers 240 times a second, each reader a process", readers, True),
     Figure("idle", "250 connections without traffic: load and memory of the master", idle),
     Figure("repair", "simulated: what a lost datagram costs at 1 % loss and 0.2 ms round trip", repair),
     Figure("wire-bytes", "simulated: bytes on the wire for a packet of 10 MiB at 0.1 % loss", wire_bytes),

@@ -23,12 +23,16 @@ def round_trip(bench: Bench) -> None:
         "UDP in blocking recv": start("udp", 0),
         "ENet": start("enet"),
     }
+    dds = {"CycloneDDS": start("dds", 0)}
+    dds_from_thread = {"CycloneDDS": start("dds", 1)}
     # One pair for each direction: the scheduler remembers whom a thread wakes, and one would shape the other.
     callbacks = bench.ours(lambda build: start("kor", build=build))
     threads = bench.ours(lambda build: start("kor", order="thread", build=build))
-    from_callbacks, others, from_thread = take_turns(rounds, callbacks, references, threads)
-    bench.add("round-trip, 64 bytes, from callbacks", "us", from_callbacks, others)
-    bench.add("round-trip, 64 bytes, from a thread", "us", from_thread, others)
+    from_callbacks, others, of_dds, from_thread, of_dds_thread = take_turns(
+        rounds, callbacks, references, dds, threads, dds_from_thread
+    )
+    bench.add("round-trip, 64 bytes, from callbacks", "us", from_callbacks, others | of_dds)
+    bench.add("round-trip, 64 bytes, from a thread", "us", from_thread, others | of_dds_thread)
 
 
 def start_stream(bench: Bench, transport: str, *settings: float, build: Path | None = None) -> Measure:
@@ -60,7 +64,11 @@ def start_udp(bench: Bench, payload: int, offloads: bool) -> Contest:
 
 
 def bulk(bench: Bench) -> None:
-    others = {"ENet": start_stream(bench, "enet"), "TCP": start_stream(bench, "tcp")}
+    others = {
+        "ENet": start_stream(bench, "enet"),
+        "CycloneDDS": start_stream(bench, "dds", ETHERNET_PAYLOAD),
+        "TCP": start_stream(bench, "tcp"),
+    }
     references = others | start_udp(bench, ETHERNET_PAYLOAD, True)
     measure_bulk(bench, "bulk, 1472-byte datagrams", ETHERNET_PAYLOAD, True, references)
 
@@ -72,7 +80,8 @@ def bulk_plain(bench: Bench) -> None:
 
 def bulk_loopback(bench: Bench) -> None:
     udp = start_stream(bench, "udp", LOOPBACK_PAYLOAD, True, 1)
-    references = {"TCP": start_stream(bench, "tcp"), "UDP with the same calls": udp}
+    dds = start_stream(bench, "dds", LOOPBACK_PAYLOAD)
+    references = {"CycloneDDS": dds, "TCP": start_stream(bench, "tcp"), "UDP with the same calls": udp}
     measure_bulk(bench, "bulk, 65507-byte datagrams", LOOPBACK_PAYLOAD, True, references)
 
 

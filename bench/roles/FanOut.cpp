@@ -1,7 +1,5 @@
 #include "FanOut.h"
 
-#include "SystemTime.h"
-
 #include "support/Time.h"
 
 #include <support/jTimer.h>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Role.h"
+#include "SystemTime.h"
 
 #include "support/platform/ReceiveBatch.h"
 #include "support/platform/UdpSocket.h"
@@ -68,6 +69,18 @@ private:
     std::mutex mutex_;
     Numbers pairs_;
 };
+
+/// Follows an order "ticks COUNT PER_SECOND BYTES": `send(packet)` for each tick, when it is due.
+template <typename Send>
+void sendTicks(const Order& order, Send send) {
+    std::vector<std::uint8_t> packet(static_cast<std::size_t>(order.numbers.at(2)), 'f');
+    const std::int64_t start = systemNow();
+    for (std::int32_t tick = 0; tick < order.numbers.at(0); ++tick) {
+        sleepUntil(start + static_cast<std::int64_t>(1e9 * tick / order.numbers.at(1)));
+        stampTick(packet, tick);
+        send(packet);
+    }
+}
 
 /// Serves the peers of a host on a thread of its own, and answers their arrivals at any order.
 template <typename Host>

@@ -3,7 +3,6 @@
 #include "FanOut.h"
 #include "KorNode.h"
 #include "Role.h"
-#include "SystemTime.h"
 
 #include "support/net/connection/Endpoint.h"
 #include "support/net/driver/TrainSender.h"
@@ -106,16 +105,11 @@ const Role kMaster("kor-master", [](const Numbers&) {
     followOrders({node.port()}, [&](const Order& order) {
         if (order.word == "users")
             users = node.users(order.numbers.at(0));
-        if (order.word != "ticks")
-            return usage();
-        std::vector<char> packet(static_cast<std::size_t>(order.numbers.at(2)), 'f');
-        const std::int64_t start = systemNow();
-        for (std::int32_t tick = 0; tick < order.numbers.at(0); ++tick) {
-            sleepUntil(start + static_cast<std::int64_t>(1e9 * tick / order.numbers.at(1)));
-            stampTick(packet, tick);
-            for (RTUser* const user : users)
-                user->sendAsyn(packet.data(), static_cast<int>(packet.size()));
-        }
+        if (order.word == "ticks")
+            sendTicks(order, [&](const std::vector<std::uint8_t>& packet) {
+                for (RTUser* const user : users)
+                    user->sendAsyn(packet.data(), static_cast<int>(packet.size()));
+            });
         return usage();
     });
 });
@@ -126,6 +120,17 @@ const Role kPeerHost("kor-peer-host", [](const Numbers& arguments) {
     while (!host.connected())
         host.turn();
     serve(host);
+});
+
+// A peer with the whole layer, as a program has it. Arrivals are those of the callbacks.
+const Role kReader("kor-reader", [](const Numbers& arguments) {
+    TickArrivals arrivals;
+    KorNode node;
+    node.onPacketHook = [&](RTUser&, Packet& packet) {
+        arrivals.note({static_cast<const std::uint8_t*>(packet.data), packet.size}, clockNow());
+    };
+    node.connect(arguments.at(0));
+    followOrders({}, [&](const Order&) { return arrivals.take(); });
 });
 
 } // namespace
