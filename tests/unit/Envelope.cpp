@@ -11,10 +11,6 @@ namespace {
 constexpr double kCrystal = 100'000;
 constexpr Nanoseconds kInstant = 20 * kSecond;
 
-double seconds(Nanoseconds duration) {
-    return static_cast<double>(duration) * 1e-9;
-}
-
 /// Points over 16 s of a clock whose offset is 1000 ns at the instant of the fit and rises by `slope` per
 /// second.
 BucketMinima points(double sign, double slope, double delay, double noise, std::uint64_t seed) {

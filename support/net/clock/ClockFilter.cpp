@@ -1,8 +1,5 @@
 #include "support/net/clock/ClockFilter.h"
 
-#include "support/net/clock/ClockWindow.h"
-#include "support/Tracked.h"
-
 #include <algorithm>
 #include <cmath>
 
@@ -11,17 +8,14 @@ namespace {
 
 constexpr Nanoseconds kMaxExchange = 10 * kSecond;
 constexpr double kMaxSkew = 1000e-6; // of clocks that are being steered; crystals keep within a tenth
-constexpr int kSamplesToPublish = 4;
+constexpr int kSamples = 4;          // to publish an estimate, and to believe that a clock has jumped
 constexpr Nanoseconds kWaitToPublish = 40 * kMillisecond;
-constexpr int kSamplesToBreak = 4;
 constexpr Nanoseconds kTimeToBreak = 10 * kMillisecond;
 constexpr double kStepOver = 1e6; // ns: a break of less is slewed like any other difference
 
-// A difference goes within half a second, at 500 ppm at most; in the first two seconds within a quarter of
-// the time passed, at 2000 ppm at most (33 us per frame of 60 Hz), so that the first, coarse estimates are
-// soon forgotten.
-constexpr Nanoseconds kSlewTime = 500 * kMillisecond;
-constexpr Nanoseconds kMinSlewTime = 20 * kMillisecond;
+// A difference goes within a tenth of a second, at 500 ppm at most; in the first two seconds at 2000 ppm at
+// most (33 us per frame of 60 Hz), so that the first, coarse estimates are soon forgotten.
+constexpr double kSlewTime = 100e6; // ns
 constexpr double kSlewRate = 500e-6;
 constexpr double kEarlySlewRate = 2000e-6;
 constexpr Nanoseconds kEarly = 2 * kSecond;
@@ -60,81 +54,51 @@ double ClockEstimate::boundAt(Nanoseconds now) const {
     return bound + boundGrowth * std::fabs(static_cast<double>(elapsed(now, at)));
 }
 
-struct ClockFilter::State : TrackedNew<"support/net/clock/ClockFilter", "ClockFilter::ClockFilter"> {
-    Nanoseconds maxDelay = kSecond;
-    ClockWindow window;
-    ClockWindow rival; // samples that contradict the window, until they are many enough to replace it
-    ClockEstimate line;
-    // The line's offset again, but with its whole part apart, so that no rounding adds up.
-    Nanoseconds base = 0;
-    double remainder = 0;
-
-    void publish(bool broken);
-};
-
-void ClockFilter::State::publish(bool broken) {
-    const Nanoseconds now = line.known ? std::max(line.at, window.newest()) : window.newest();
-    const double target = window.remainderAt(now);
-    const double behind = line.known ? static_cast<double>(elapsed(window.base(), base)) + target -
-                                           (remainder + progress(line, now))
-                                     : 0;
+void ClockFilter::publish(bool broken) {
+    const Nanoseconds now = line_.known ? std::max(line_.at, window_.newest()) : window_.newest();
+    const double target = window_.remainderAt(now);
+    const double behind = line_.known ? static_cast<double>(elapsed(window_.base(), base_)) + target -
+                                            (remainder_ + progress(line_, now))
+                                      : 0;
     const double difference = std::fabs(behind);
     // No two honest estimates differ by more than the longest delay: then all before was a lie.
-    const bool step = (broken && difference > kStepOver) || difference > static_cast<double>(maxDelay);
+    const bool step = (broken && difference > kStepOver) || difference > static_cast<double>(maxDelay_);
     const double left = step ? 0 : behind;
-    const Nanoseconds age = window.age();
-    const double maxRate = std::max(age < kEarly ? kEarlySlewRate : kSlewRate, difference / kLargeSlewTime);
-    const double time = std::max(static_cast<double>(std::clamp(age / 4, kMinSlewTime, kSlewTime)),
-                                 std::fabs(left) / maxRate);
-    base = window.base();
-    remainder = target - left;
-    line.known = true;
-    line.at = now;
-    line.offset = static_cast<double>(base) + remainder;
-    line.rateAfter = window.slope() * 1e-9;
-    line.rate = line.rateAfter + left / time;
-    line.slewEnd = now + static_cast<Nanoseconds>(std::min(time, kMaxSlewEnd));
-    line.skewPpm = window.slope() * 1e-3;
-    line.halfDelay = std::max(window.halfDelay(), 0.0);
-    line.bound = window.boundAt(now) + std::fabs(left);
-    line.boundGrowth = window.slopeError() * 1e-9 + kRestlessness;
-    line.breaks += step ? 1 : 0;
-}
-
-ClockFilter::ClockFilter() : state_(std::make_unique<State>()) {}
-ClockFilter::~ClockFilter() = default;
-
-void ClockFilter::setMaxDelay(Nanoseconds delay) {
-    state_->maxDelay = delay;
+    const double usualRate = window_.age() < kEarly ? kEarlySlewRate : kSlewRate;
+    const double time =
+        std::max(kSlewTime, std::fabs(left) / std::max(usualRate, difference / kLargeSlewTime));
+    base_ = window_.base();
+    remainder_ = target - left;
+    line_.known = true;
+    line_.at = now;
+    line_.offset = static_cast<double>(base_) + remainder_;
+    line_.rateAfter = window_.slope() * 1e-9;
+    line_.rate = line_.rateAfter + left / time;
+    line_.slewEnd = now + static_cast<Nanoseconds>(std::min(time, kMaxSlewEnd));
+    line_.skewPpm = window_.slope() * 1e-3;
+    line_.halfDelay = std::max(window_.halfDelay(), 0.0);
+    line_.bound = window_.boundAt(now) + std::fabs(left);
+    line_.boundGrowth = window_.slopeError() * 1e-9 + kRestlessness;
+    line_.breaks += step ? 1 : 0;
 }
 
 void ClockFilter::add(const ClockSample& sample) {
-    State& state = *state_;
-    if (!isPossible(sample, state.maxDelay))
+    if (!isPossible(sample, maxDelay_))
         return;
-    const bool contradicted = state.window.contradicts(sample);
-    if (state.rival.contradicts(sample))
-        state.rival = {};
+    const bool contradicted = window_.contradicts(sample);
+    if (rival_.contradicts(sample))
+        rival_ = {};
     if (contradicted) {
-        state.rival.add(sample);
-        if (state.rival.samples() < kSamplesToBreak || state.rival.age() < kTimeToBreak)
+        rival_.add(sample);
+        if (rival_.samples() < kSamples || rival_.age() < kTimeToBreak)
             return;
-        state.window = state.rival;
-        state.rival = {};
-    } else if (!state.window.add(sample)) {
+        window_ = rival_;
+        rival_ = {};
+    } else if (!window_.add(sample)) {
         return;
     }
-    if (state.line.known || state.window.samples() >= kSamplesToPublish ||
-        state.window.age() >= kWaitToPublish)
-        state.publish(contradicted);
-}
-
-bool ClockFilter::doubtful() const {
-    return state_->rival.samples() != 0;
-}
-
-const ClockEstimate& ClockFilter::estimate() const {
-    return state_->line;
+    if (line_.known || window_.samples() >= kSamples || window_.age() >= kWaitToPublish)
+        publish(contradicted);
 }
 
 } // namespace kor::detail

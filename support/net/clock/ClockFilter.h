@@ -1,25 +1,13 @@
 #pragma once
 
-#include "support/Time.h"
+#include "support/net/clock/ClockWindow.h"
 
 #include <cstdint>
-#include <memory>
 
 namespace kor::detail {
 
-/// One exchange with a peer: four stamps.
-struct ClockSample {
-    Nanoseconds sentHere = 0;      ///< our clock: our datagram left
-    Nanoseconds receivedThere = 0; ///< peer's clock: it arrived
-    Nanoseconds sentThere = 0;     ///< peer's clock: an answer left (may be long after)
-    Nanoseconds receivedHere = 0;  ///< our clock: the answer arrived
-};
-
-/// The published estimate: piecewise linear in our time, continuous, without a step. A plain value, so that
-/// it can be handed to other threads.
-///
-/// As doubles, offsets are exact to a nanosecond while the clocks differ by less than 104 days, and to 64 ns
-/// at 30 years.
+/// The published estimate: piecewise linear in our time, continuous, without a step. As doubles, offsets are
+/// exact to a nanosecond while the clocks differ by less than 104 days, and to 64 ns at 30 years.
 struct ClockEstimate {
     bool known = false;
     Nanoseconds at = 0; ///< our clock, where the line starts
@@ -37,14 +25,12 @@ struct ClockEstimate {
     double boundAt(Nanoseconds now) const;  ///< nanoseconds
 };
 
-/// Offset and skew between a peer's clock and ours, from four-stamp exchanges on any traffic.
+/// Offset and skew between a peer's clock and ours, from four-stamp exchanges on any traffic; Envelope.h and
+/// docs/clock.md tell the method.
 ///
-/// The best stamps of either direction over the last 16 s are kept, and a line between them is fitted; see
-/// Envelope.h for the method and docs/clock.md for its reasons and figures. The first estimate comes after
-/// four exchanges, or with the first that comes 40 ms after another. From then on it never steps: differences
-/// are slewed away. The bound holds whatever the delays are distributed like, and covers an asymmetry of the
-/// least delays, which no stamps show; while a clock's rate is being changed by more than a crystal's does,
-/// it may fail for some seconds.
+/// The first estimate comes after four exchanges, or with the first that comes 40 ms after another. From then
+/// on it never steps: differences are slewed away. The bound holds whatever the delays are distributed like;
+/// while a clock's rate is being changed by more than a crystal's does, it may fail for some seconds.
 ///
 /// Stamps that would have arrived before they were sent are set aside; when four of them in a row, over at
 /// least 10 ms, agree with one another, a clock has jumped or stood still, and they replace everything. Then
@@ -52,30 +38,33 @@ struct ClockEstimate {
 /// delay, which no honest stamps bring about. Stamps may be any 64-bit values: hostile ones make the estimate
 /// of the peer that sent them worthless, and nothing else.
 ///
-/// Not thread-safe: belongs to one connection. Reads no clock; allocates at construction only.
+/// Not thread-safe: belongs to one connection. Reads no clock and allocates nothing.
 class ClockFilter {
 public:
-    ClockFilter();
-    ~ClockFilter();
-
     /// Samples with a longer round trip, not counting the time the peer held them, are ignored. Nanoseconds;
     /// default 1 s.
-    void setMaxDelay(Nanoseconds delay);
+    void setMaxDelay(Nanoseconds delay) { maxDelay_ = delay; }
 
     /// Adds one exchange. Ignored when it is impossible (negative delay, arrival before departure) or took
-    /// more than 10 s in all. One stamp of ours may come back many times. Allocation-free; costs about a
-    /// microsecond.
+    /// more than 10 s in all. One stamp of ours may come back many times. Costs about a microsecond.
     void add(const ClockSample& sample);
 
     /// True while samples that contradict the estimate are set aside: more of them soon would settle it.
-    bool doubtful() const;
+    bool doubtful() const { return rival_.samples() != 0; }
 
     /// The estimate to publish; changes only inside add(). The reference stays valid as long as the filter.
-    const ClockEstimate& estimate() const;
+    const ClockEstimate& estimate() const { return line_; }
 
 private:
-    struct State;
-    std::unique_ptr<State> state_;
+    void publish(bool broken);
+
+    Nanoseconds maxDelay_ = kSecond;
+    ClockWindow window_;
+    ClockWindow rival_; // samples that contradict the window, until they are many enough to replace it
+    ClockEstimate line_;
+    // The line's offset again, but with its whole part apart, so that no rounding adds up.
+    Nanoseconds base_ = 0;
+    double remainder_ = 0;
 };
 
 } // namespace kor::detail

@@ -8,8 +8,7 @@ namespace kor::detail {
 namespace {
 
 constexpr double kSlack = 1'000; // ns: what samples may contradict a line by
-// ns/s^2: the rate of a crystal in a room changes by 0.01 ppm per second or less.
-constexpr double kWander = 20;
+constexpr double kWander = 20;   // ns/s^2: a crystal in a room changes by 0.01 ppm a second or less
 constexpr Nanoseconds kBackwards = 10 * kSecond; // our own clock never goes back that far
 constexpr Nanoseconds kOldest = 64 * kSecond;    // kept when samples come rarely
 
@@ -19,22 +18,16 @@ constexpr double kSteered = 1'000'000; // what a clock that is being set may sho
 constexpr Nanoseconds kTellsSlope = 4 * kSecond;
 
 constexpr int kSamplesToFitAll = 4;
-constexpr int kEnoughSamples = 1000; // nobody counts further
 // A fit is renewed when a window has grown by a sixteenth, at the latest after a second.
 constexpr Nanoseconds kFitsPerSpan = 16;
 constexpr Nanoseconds kMaxUnfitted = kSecond;
 constexpr Nanoseconds kMinUnfitted = 2 * kMillisecond; // a flood of samples must not cost a core
 
 // When a fit is taken to be bent.
-constexpr std::size_t kFewDelays = 5;
-constexpr double kSpreads = 2;        // of the delays, from the least to the median
-constexpr double kBentSlack = 2'000;  // ns
-constexpr std::size_t kFewPoints = 4; // never cut further
+constexpr std::size_t kFewDelays = 4;
+constexpr double kSpreads = 2;       // of the delays, from the least to the median
+constexpr double kBentSlack = 2'000; // ns
 constexpr Nanoseconds kMinWindow = 50 * kMillisecond;
-
-double seconds(Nanoseconds duration) {
-    return static_cast<double>(duration) * 1e-9;
-}
 
 } // namespace
 
@@ -77,8 +70,7 @@ bool ClockWindow::add(const ClockSample& sample) {
     }
     // One stamp of ours may come back with many datagrams; that is one sample.
     const bool another = samples_ == 0 || (sample.sentHere != lastSent_ && sample.receivedHere != newest_);
-    if (another && samples_ < kEnoughSamples)
-        ++samples_;
+    samples_ += another ? 1 : 0;
     lastSent_ = sample.sentHere;
     newest_ = std::max(newest_, sample.receivedHere);
 
@@ -137,8 +129,7 @@ void ClockWindow::refit() {
         if (isBent())
             fit_ = fitEnvelope(forth_, back_, newest_, kWander, kSteered);
         // When no constant rate explains the points, the older ones are from before a change of rate.
-        if (!isBent() || span() < kMinWindow ||
-            forth_.points().size() + back_.points().size() <= kFewPoints || !dropBefore(newest_ - span() / 2))
+        if (!isBent() || span() < kMinWindow || !dropBefore(newest_ - span() / 2))
             return;
     }
 }

@@ -1,9 +1,18 @@
 #pragma once
 
-#include "support/net/clock/ClockFilter.h"
 #include "support/net/clock/Envelope.h"
 
+#include <cstdint>
+
 namespace kor::detail {
+
+/// One exchange with a peer: four stamps.
+struct ClockSample {
+    Nanoseconds sentHere = 0;      ///< our clock: our datagram left
+    Nanoseconds receivedThere = 0; ///< peer's clock: it arrived
+    Nanoseconds sentThere = 0;     ///< peer's clock: an answer left (may be long after)
+    Nanoseconds receivedHere = 0;  ///< our clock: the answer arrived
+};
 
 /// One belief about a peer's clock: the best points of both directions and the line through them.
 ///
@@ -19,7 +28,7 @@ public:
     /// Adds a sample. Returns true when the line has changed.
     bool add(const ClockSample& sample);
 
-    int samples() const { return samples_; }             ///< with stamps of their own both ways, at most 1000
+    std::int64_t samples() const { return samples_; }    ///< with stamps of their own both ways
     Nanoseconds age() const { return newest_ - first_; } ///< from the first sample to the newest
     Nanoseconds newest() const { return newest_; }       ///< our clock at the newest sample's arrival
 
@@ -42,7 +51,7 @@ private:
     Nanoseconds first_ = 0;
     Nanoseconds newest_ = 0;
     Nanoseconds lastSent_ = 0;
-    int samples_ = 0;
+    std::int64_t samples_ = 0;
     BucketMinima forth_;
     BucketMinima back_;
     BucketMinima delays_; // of whole exchanges, to judge the fit by

@@ -13,10 +13,6 @@ constexpr double kSlopePrecision = 0.5; // nanoseconds per second
 constexpr double kStiffness = 1e-7;
 constexpr double kQuiet = 5'000; // ns: what the delays of a path without queues vary by
 
-double seconds(Nanoseconds duration) {
-    return static_cast<double>(duration) * 1e-9;
-}
-
 /// The points that a line under all points of one direction can touch (Andrew's monotone chain).
 class LowerHull {
 public:
@@ -174,14 +170,6 @@ bool BucketMinima::dropBefore(Nanoseconds time) {
     return old != 0;
 }
 
-double EnvelopeFit::error() const {
-    return std::max(high - offset, offset - low);
-}
-
-double EnvelopeFit::slopeError() const {
-    return std::max(slopeHigh - slope, slope - slopeLow);
-}
-
 EnvelopeFit fitEnvelope(const BucketMinima& forth, const BucketMinima& back, Nanoseconds now, double wander,
                         double maxSlope) {
     const LowerHull hullForth(forth, now, 0, 0);
@@ -195,17 +183,17 @@ EnvelopeFit fitEnvelope(const BucketMinima& forth, const BucketMinima& back, Nan
     const LowerHull agedForth(forth, now, wander, kStampSlack);
     const LowerHull agedBack(back, now, wander, kStampSlack);
     fit.possible = fit.delay >= -2 * kStampSlack;
+    fit.slopeLow = -maxSlope;
+    fit.slopeHigh = maxSlope;
     if (!fit.possible) {
         const Nanoseconds oldest = std::min(forth.points().front().time, back.points().front().time);
         const double error = maxSlope * seconds(now - oldest) - fit.delay;
-        fit.slopeLow = -maxSlope;
-        fit.slopeHigh = maxSlope;
         fit.low = fit.offset - error;
         fit.high = fit.offset + error;
         return fit;
     }
-    fit.slopeLow = lastPassing(agedForth, agedBack, fit.slope, -maxSlope);
-    fit.slopeHigh = lastPassing(agedForth, agedBack, fit.slope, maxSlope);
+    fit.slopeLow = lastPassing(agedForth, agedBack, fit.slope, fit.slopeLow);
+    fit.slopeHigh = lastPassing(agedForth, agedBack, fit.slope, fit.slopeHigh);
     // No point is later than the instant of the fit, where the steepest line is the highest.
     fit.high = agedForth.touch(fit.slopeHigh).value;
     fit.low = -agedBack.touch(-fit.slopeLow).value;

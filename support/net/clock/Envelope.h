@@ -2,11 +2,16 @@
 
 #include "support/Time.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
 
 namespace kor::detail {
+
+inline double seconds(Nanoseconds duration) {
+    return static_cast<double>(duration) * 1e-9;
+}
 
 /// What one datagram tells of the offset: a time and, forth, the peer's arrival stamp minus our departure
 /// stamp, or, back, our arrival stamp minus the peer's departure stamp. Either is the offset, or minus the
@@ -25,8 +30,7 @@ public:
     static constexpr std::size_t kMaxPoints = 64;
 
     /// "Lowest" is over a line of this slope, in nanoseconds per second: a skew would else favour one end of
-    /// each bucket. Returns false when the point is not kept, because its bucket has a lower one or it is too
-    /// old.
+    /// each bucket. Returns false when its bucket has a lower point or it is too old.
     bool add(EnvelopePoint point, double slope);
 
     /// Drops what is before `time`, but never the newest point. Returns whether something was dropped.
@@ -56,18 +60,13 @@ struct EnvelopeFit {
     double delay = 0;     ///< forth and back, the least that the line leaves
     bool possible = true; ///< false when the points contradict each other: then nothing is certain
 
-    double error() const; ///< bound on the error of `offset`
-    double slopeError() const;
+    /// Bound on the error of `offset`.
+    double error() const { return std::max(high - offset, offset - low); }
+    double slopeError() const { return std::max(slopeHigh - slope, slope - slopeLow); }
 };
 
-/// Fits the line that leaves the most room between itself and the points of both directions.
-///
-/// Delays only ever add, so the offset lies below the points forth and above those back with their sign
-/// turned (Cristian, "Probabilistic clock synchronization", 1989), and a lucky point tells more than a
-/// hundred late ones. The line with the widest margin to both is the middle of the two parallel lines that
-/// lie furthest apart, as in Huygens (Geng and others, NSDI 2018), whose support vector machine has two
-/// dimensions too; a line under one-way delays is from Moon, Skelly and Towsley (INFOCOM 1999). A direction
-/// that is loaded has few points near the line and hardly turns it.
+/// Fits the line that leaves the most room between itself and the points of both directions; docs/clock.md
+/// tells why, and from where.
 ///
 /// The bounds cover every line that no point contradicts, so nothing is assumed of the delays. For them a
 /// point is worse by `wander` x age^2 / 2, because a clock's rate changes that fast (nanoseconds per second
