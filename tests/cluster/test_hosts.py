@@ -2,7 +2,7 @@
 
 import unittest
 
-from cluster import ClusterTest, Slave, main
+from cluster import PROGRAMS, ClusterTest, Slave, main
 from korprocess import Hosts, NotPermitted
 
 SLAVES = 4
@@ -12,16 +12,16 @@ PORTS = (7100, 7200, 7300)  # every host has the whole range to itself
 class OnHosts(ClusterTest):
     """Host 0 is the master's; slave i is on host i + 1."""
 
-    def start(self, lossy=None, ahead=0):
+    def start(self, laws=(), ahead=0):
         try:
-            self.hosts = Hosts(self.cluster, SLAVES + 1, lossy)
+            self.hosts = Hosts(self.cluster, SLAVES + 1, bridged=not laws)
             namespaces = [self.hosts.of(host) for host in range(SLAVES + 1)]
             if ahead:
                 namespaces[-1] = self.hosts.with_clock_ahead(SLAVES, ahead)
         except NotPermitted as reason:
             self.skipTest(f"namespaces are not permitted: {reason}")
-        if lossy is not None:
-            self.cable = self.hosts.start_cable(lossy, lost=0.02, doubled=0.01, held_back=0.01, seed=12345)
+        if laws:
+            self.switch = self.hosts.start_switch(PROGRAMS / "kor-test-switch", *laws)
         self.cluster.start_master(
             "--payload", 5000, ports=[PORTS], broadcast=Hosts.BROADCAST, namespaces=namespaces[0]
         )
@@ -71,15 +71,21 @@ class OnHosts(ClusterTest):
         self.cluster.wait_until(ahead.clock_within_bound, "a clock as good as it says")
         self.cluster.finish_all()
 
-    def test_nothing_is_lost_or_doubled_on_a_cable_that_loses_doubles_and_reorders(self):
-        self.start(lossy=0)
+    def test_nothing_is_lost_or_doubled_by_a_switch_that_loses_doubles_and_reorders(self):
+        self.start(laws=("--lost", 0.02, "--doubled", 0.01, "--late", 0.01, "--late-ms", 0, 2))
         marks = self.cluster.marks()
-        counts = self.cable.output
+        counts = self.switch.output
         self.cluster.wait_until(lambda: counts.status["lost"] > 300, "three hundred lost frames")
         self.cluster.await_locked_still(marks)
         self.cluster.await_locked_still()
         self.assertGreater(counts.status["doubled"], 0)
-        self.assertGreater(counts.status["held_back"], 0)
+        self.assertGreater(counts.status["late"], 0)
+        self.cluster.finish_all()
+
+    def test_clocks_are_as_good_as_they_say_where_every_datagram_is_late_by_chance(self):
+        self.start(laws=("--delay-ms", 0.1, 0.4))
+        for slave in self.cluster.slaves:
+            self.cluster.wait_until(slave.clock_within_bound, "a clock as good as it says")
         self.cluster.finish_all()
 
 

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import os
 import shutil
-import sys
 from pathlib import Path
 
 from .lines import Answers, Reports
@@ -22,13 +21,12 @@ class Hosts:
     """Hosts of a network of our own, each with an interface eth0 whose cable ends at a switch.
 
     Needs root, or a system that lets everybody make user namespaces, and `ip`; else it raises NotPermitted. Nothing
-    of it outlives the processes. The cable of the host `lossy` is cut in two, and nothing passes but through
-    `start_cable`.
+    of it outlives the processes. Unless `bridged`, nothing passes but through `start_switch`.
     """
 
     BROADCAST = "10.77.0.255"
 
-    def __init__(self, processes: Processes, count: int, lossy: int | None = None) -> None:
+    def __init__(self, processes: Processes, count: int, bridged: bool = True) -> None:
         self._processes = processes
         self._ip = shutil.which("ip", path=f"{os.environ.get('PATH', '')}:/usr/sbin:/sbin")
         if self._ip is None:
@@ -37,7 +35,8 @@ class Hosts:
         self._pids: list[int] = []
         self._switch = self._first_namespace()
         self._run(self._switch, "link set lo up", "link add switch type bridge", "link set switch up")
-        self._hosts = [self._add_host(host, host == lossy) for host in range(count)]
+        self._bridged = bridged
+        self._hosts = [self._add_host(host) for host in range(count)]
 
     @staticmethod
     def address(host: int) -> str:
@@ -61,11 +60,10 @@ class Hosts:
         """ "down" and "up", as the host's administrator might."""
         self._run(self._hosts[host], f"link set eth0 {state}")
 
-    def start_cable(self, host: int, lost: float, doubled: float, held_back: float, seed: int) -> Process:
-        """Begins to forward between the halves of a lossy host's cable; see cable.py. Its reports tell the counts."""
-        cable = [sys.executable, Path(__file__).with_name("cable.py"), f"far{host}", f"near{host}"]
-        cable += [lost, doubled, held_back, seed]
-        return self._processes.start("cable", cable, output=Reports(), namespaces=self._switch)
+    def start_switch(self, program: Path, *laws: object) -> Process:
+        """Begins to switch by the program kor-test-switch, which tells what laws there are. It reports its counts."""
+        ports = [f"port{host}" for host in range(len(self._hosts))]
+        return self._processes.start("switch", [program, *laws, *ports], output=Reports(), namespaces=self._switch)
 
     def _first_namespace(self) -> tuple[int, ...]:
         try:
@@ -75,13 +73,12 @@ class Hosts:
             self._user = (open_namespace(holder.pid, "user"),)
             return (*self._user, open_namespace(holder.pid, "net"))
 
-    def _add_host(self, host: int, lossy: bool) -> tuple[int, ...]:
+    def _add_host(self, host: int) -> tuple[int, ...]:
         holder = self._hold(["--net"], self._user)
-        far = f"far{host}" if lossy else f"port{host}"
-        self._run(self._switch, f"link add name {far} type veth peer name eth0 netns {holder.pid}", f"link set {far} up")
-        if lossy:
-            self._run(self._switch, f"link add name near{host} type veth peer name port{host}", f"link set near{host} up")
-        self._run(self._switch, f"link set port{host} master switch", f"link set port{host} up")
+        port = f"port{host}"
+        self._run(self._switch, f"link add name {port} type veth peer name eth0 netns {holder.pid}", f"link set {port} up")
+        if self._bridged:
+            self._run(self._switch, f"link set {port} master switch")
         namespaces = (*self._user, open_namespace(holder.pid, "net"))
         # One segment: each datagram is to travel, and to be lost, on its own.
         address = f"address add {self.address(host)}/24 broadcast {self.BROADCAST} dev eth0"
