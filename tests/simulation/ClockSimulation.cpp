@@ -36,34 +36,34 @@ void PrintTo(const Case& test, std::ostream* out) {
     *out << test.scenario.name;
 }
 
-Way quiet() {
+PathDelays quiet() {
     return {};
 }
 
 /// Every datagram is late by something between these two.
-Way jitter(double least, double most) {
-    Way way;
-    way.base = least;
-    way.noise = 0;
-    way.loadedFraction = 1;
-    way.queue = most - least;
-    return way;
+PathDelays jitter(double least, double most) {
+    PathDelays path;
+    path.base = least;
+    path.noise = 0;
+    path.loadedFraction = 1;
+    path.queue = most - least;
+    return path;
 }
 
 /// A queue of up to a millisecond before nine of ten datagrams.
-Way loaded() {
-    Way way;
-    way.loadedFraction = 0.9;
-    way.queue = kMillisecond;
-    return way;
+PathDelays loaded() {
+    PathDelays path;
+    path.loadedFraction = 0.9;
+    path.queue = kMillisecond;
+    return path;
 }
 
-Case make(const char* name, double samplesPerSecond, const Way& there, const Way& back,
+Case make(const char* name, double samplesPerSecond, const PathDelays& forth, const PathDelays& back,
           const Limits& limits) {
     Case result;
     result.scenario.name = name;
     result.scenario.samplesPerSecond = samplesPerSecond;
-    result.scenario.there = there;
+    result.scenario.forth = forth;
     result.scenario.back = back;
     result.limits = limits;
     return result;
@@ -91,11 +91,11 @@ std::vector<Case> cases() {
     all.push_back(make("LoadOnFewProbes", 8, loaded(), quiet(),
                        {2 * kMicrosecond, 200 * kMicrosecond, 300 * kMicrosecond}));
 
-    Way bursts = loaded();
+    PathDelays bursts = loaded();
     bursts.burstSeconds = 0.05;
     all.push_back(make("Bursts", 50, quiet(), bursts, busy));
 
-    Way full = loaded();
+    PathDelays full = loaded();
     full.loadedFraction = 1;
     all.push_back(make("EveryDatagramQueues", 240, full, full, heavy));
 
@@ -105,7 +105,7 @@ std::vector<Case> cases() {
     begins.limits.afterASecond = idle.afterASecond;
     all.push_back(begins);
 
-    Way far;
+    PathDelays far;
     far.base = 5 * kMillisecond;
     far.noise = 0.5 * kMillisecond;
     all.push_back(
@@ -113,20 +113,20 @@ std::vector<Case> cases() {
 
     // With stamps on every frame of 60 Hz and its report.
     all.push_back(make("FramesClean", 60, quiet(), quiet(), idle));
-    Way late;
+    PathDelays late;
     late.loadedFraction = 0.05;
     late.queue = 6 * kMillisecond;
     Case lost =
         make("FramesLateAndLost", 60, late, late, {2 * kMicrosecond, 6 * kMicrosecond, 60 * kMicrosecond});
     lost.scenario.loss = 0.05;
     all.push_back(lost);
-    const Way narrow = jitter(0.1 * kMillisecond, 0.2 * kMillisecond);
+    const PathDelays narrow = jitter(0.1 * kMillisecond, 0.2 * kMillisecond);
     all.push_back(make("FramesNarrowJitter", 60, narrow, narrow,
                        {1 * kMicrosecond, 4 * kMicrosecond, 20 * kMicrosecond}));
-    const Way wider = jitter(0.1 * kMillisecond, 0.4 * kMillisecond);
+    const PathDelays wider = jitter(0.1 * kMillisecond, 0.4 * kMillisecond);
     all.push_back(
         make("FramesJitter", 60, wider, wider, {2 * kMicrosecond, 10 * kMicrosecond, 40 * kMicrosecond}));
-    const Way wide = jitter(1 * kMillisecond, 5 * kMillisecond);
+    const PathDelays wide = jitter(1 * kMillisecond, 5 * kMillisecond);
     all.push_back(make("FramesWideJitter", 60, wide, wide,
                        {20 * kMicrosecond, 120 * kMicrosecond, 300 * kMicrosecond}));
     return all;
@@ -220,8 +220,8 @@ TEST(ClockBreaks, AreLearntFromAFewSamples) {
         ClockScenario scenario;
         scenario.seconds = 30;
         scenario.breakAt = 15;
-        scenario.there.loadedFraction = scenario.back.loadedFraction = 0.1;
-        scenario.there.queue = scenario.back.queue = kMillisecond;
+        scenario.forth.loadedFraction = scenario.back.loadedFraction = 0.1;
+        scenario.forth.queue = scenario.back.queue = kMillisecond;
         scenario = drawn(scenario, seed);
         std::mt19937_64 random(seed);
         // Between a tenth of a millisecond and some days, either way.

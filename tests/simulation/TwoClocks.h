@@ -15,7 +15,7 @@ using detail::elapsed;
 using detail::Nanoseconds;
 
 /// How datagrams fare in one direction. Nanoseconds.
-struct Way {
+struct PathDelays {
     double base = 15'000;      ///< least delay
     double noise = 1'500;      ///< mean of what every datagram waits in addition, exponentially distributed
     double loadedFraction = 0; ///< of the datagrams that meet a queue
@@ -23,7 +23,7 @@ struct Way {
     double burstSeconds = 0;   ///< when set, queues come in bursts of this mean length instead of one by one
 };
 
-/// Two clocks and the ways between them. Everything follows from the seed.
+/// Two clocks and the paths between them. Everything follows from the seed.
 struct ClockScenario {
     const char* name = "";
     std::uint64_t seed = 1;
@@ -34,8 +34,8 @@ struct ClockScenario {
     double holdFrom = 0;           ///< from this second on
     double skewPpm = 30;           ///< at the start
     double wanderPpmPerSecond = 0; ///< greatest change of the skew
-    Way there;
-    Way back;
+    PathDelays forth;
+    PathDelays back;
     Nanoseconds startHere = 0;
     Nanoseconds startThere = 0;
     double breakAt = 1e9;     ///< the peer's clock jumps at this second
@@ -114,18 +114,18 @@ private:
         bool full = false;
     };
 
-    double delay(const Way& way, Queue& queue, double t) {
-        bool loaded = uniform() < way.loadedFraction;
-        if (way.burstSeconds > 0) {
+    double delay(const PathDelays& path, Queue& queue, double t) {
+        bool loaded = uniform() < path.loadedFraction;
+        if (path.burstSeconds > 0) {
             while (queue.until < t) {
                 queue.full = !queue.full;
-                const double share = queue.full ? way.loadedFraction : 1 - way.loadedFraction;
-                queue.until += exponential(way.burstSeconds * share / way.loadedFraction);
+                const double share = queue.full ? path.loadedFraction : 1 - path.loadedFraction;
+                queue.until += exponential(path.burstSeconds * share / path.loadedFraction);
             }
             loaded = queue.full;
         }
         loaded = loaded && t >= scenario_.loadFrom && t < scenario_.loadTo;
-        return (way.base + exponential(way.noise) + (loaded ? uniform() * way.queue : 0)) * 1e-9;
+        return (path.base + exponential(path.noise) + (loaded ? uniform() * path.queue : 0)) * 1e-9;
     }
 
     void plan() {
@@ -135,7 +135,7 @@ private:
         int answered = 0;
         double t = 0.001;
         while (t < scenario_.seconds) {
-            const double arrivalThere = t + delay(scenario_.there, thereQueue, t);
+            const double arrivalThere = t + delay(scenario_.forth, thereQueue, t);
             const double answer =
                 arrivalThere + 2e-6 + exponential(t >= scenario_.holdFrom ? scenario_.heldSeconds : 0);
             const double arrival = answer + delay(scenario_.back, backQueue, answer);

@@ -15,7 +15,7 @@ Nanoseconds plus(Nanoseconds a, Nanoseconds b) {
     return elapsed(a, -b);
 }
 
-/// A peer whose clock runs by a straight line, and ways of a fixed delay there and back.
+/// A peer whose clock runs by a straight line, and paths of a fixed delay forth and back.
 struct Peer {
     Nanoseconds startHere = 0;
     Nanoseconds startThere = 5 * kSecond;
@@ -62,7 +62,7 @@ TEST(ClockFilter, IsExactWithoutNoise) {
     EXPECT_NEAR(peer.error(filter, 20 * kSecond), 0, 5);
     EXPECT_NEAR(peer.error(filter, 21 * kSecond), 0, 30);
     EXPECT_NEAR(filter.estimate().skewPpm, 30, 0.02);
-    // What could be an asymmetry of the ways stays uncertain.
+    // What could be an asymmetry of the paths stays uncertain.
     EXPECT_GE(filter.estimate().boundAt(peer.here(20 * kSecond)), 50 * kMicrosecond);
     EXPECT_LT(filter.estimate().boundAt(peer.here(20 * kSecond)), 55 * kMicrosecond);
     EXPECT_GT(filter.estimate().boundAt(peer.here(80 * kSecond)), 75 * kMicrosecond);
