@@ -325,8 +325,28 @@ TEST_F(Attack, AFloodOfRequestsLeavesNothing) {
         most = std::max(most, liveBytes() - before);
     }
     EXPECT_LE(most, kMegabyte);
+    EXPECT_LE(sent_, 200u * 512 + 10) << "answers wait, but not all";
     EXPECT_EQ(statistics().connections, 1u);
     EXPECT_EQ(statistics().badCookies, 20'000u);
+}
+
+TEST_F(Attack, AddressesThatComeAndGoAreForgotten) {
+    std::int64_t before = 0;
+    Ring<NetEvent> events;
+    for (std::uint32_t i = 0; i != 20'000; ++i) {
+        if (i == 100)
+            before = liveBytes();
+        const RTAddr from(0xC0A80000u + i / 60'000, static_cast<std::uint16_t>(1 + i % 60'000));
+        connect(from, i + 1);
+        DatagramWriter writer(bytes_, connectionId_, true, number_++);
+        writer.addClose();
+        inject(from, writer.finish());
+        victim_->takeEvents(events);
+        while (!events.empty())
+            events.pop();
+    }
+    EXPECT_EQ(statistics().connections, 0u);
+    EXPECT_LE(liveBytes() - before, kMegabyte / 4);
 }
 
 } // namespace kor::detail
