@@ -1,5 +1,7 @@
 #include "Overlay.h"
 
+#include "Program.h"
+
 #include <backends/imgui_impl_opengl3.h>
 #include <backends/imgui_impl_sdl.h>
 #include <imgui.h>

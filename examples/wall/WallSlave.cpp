@@ -67,16 +67,3 @@ void WallSlave::on_clear() {
     shown_ = ShownFrame();
     captures_.clear();
 }
-
-const char* resultName(kor::KorLogicClient::WAIT_RESULT result) {
-    switch (result) {
-    case kor::KorLogicClient::WAIT_LERP:
-        return "lerp";
-    case kor::KorLogicClient::WAIT_HIT:
-        return "hit";
-    case kor::KorLogicClient::WAIT_OVER_HIT:
-        return "over_hit";
-    default:
-        return "none";
-    }
-}

@@ -59,5 +59,3 @@ private:
     long long badFrames_ = 0;
     long long counts_[5] = {};
 };
-
-const char* resultName(kor::KorLogicClient::WAIT_RESULT result);

@@ -34,6 +34,12 @@ inline void addRunOptions(CLI::App& app, RunOptions& options, const std::string&
     app.add_flag("--quiet", options.quiet, "print no status");
 }
 
+/// Where a recording of all frames goes.
+inline void addTraceOption(CLI::App& app, std::string& file) {
+    app.add_option("--trace", file,
+                   "record what happens to every frame and write it to this file at the end");
+}
+
 /// When a connection counts as lost.
 inline void addTimeoutOption(CLI::App& app, unsigned int& milliseconds) {
     app.add_option("--timeout", milliseconds, "silence after which a connection is given up, ms")

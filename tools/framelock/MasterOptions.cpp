@@ -22,8 +22,7 @@ void describe(CLI::App& app, MasterOptions& options) {
         ->capture_default_str();
     addTimeoutOption(app, options.timeoutMs);
     addRunOptions(app, options, "; the slaves' must be the same", "stopped", "every frame");
-    app.add_option("--trace", options.trace,
-                   "record what happens to every frame and write it to this file at the end");
+    addTraceOption(app, options.trace);
 }
 
 } // namespace

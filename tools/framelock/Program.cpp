@@ -78,6 +78,19 @@ int finishProgram(Report& report, nlohmann::ordered_json& end, int status) {
     return report.flush() || status != kExitDone ? status : kExitFailed;
 }
 
+const char* resultName(kor::KorLogicClient::WAIT_RESULT result) {
+    switch (result) {
+    case kor::KorLogicClient::WAIT_LERP:
+        return "lerp";
+    case kor::KorLogicClient::WAIT_HIT:
+        return "hit";
+    case kor::KorLogicClient::WAIT_OVER_HIT:
+        return "over_hit";
+    default:
+        return "none";
+    }
+}
+
 bool stopRequested() {
     return stopFlag;
 }

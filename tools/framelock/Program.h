@@ -3,6 +3,7 @@
 #include "Options.h"
 #include "Report.h"
 
+#include <kor/KorLogicClient.h>
 #include <support/RTNet.h>
 
 #include <cstdint>
@@ -32,6 +33,9 @@ bool stopRequested();
 
 /// Errors logged since the program began.
 int loggedErrors();
+
+/// What a slave's wait has found, as reports call it.
+const char* resultName(kor::KorLogicClient::WAIT_RESULT result);
 
 /// Datagrams that were dropped because of what they held.
 std::uint64_t malformedDatagrams(kor::RTNet& net);

@@ -31,8 +31,7 @@ void describe(CLI::App& app, SlaveOptions& options) {
         ->capture_default_str();
     addTimeoutOption(app, options.timeoutMs);
     addRunOptions(app, options, " that the master counts in", "stopped", "every wait");
-    app.add_option("--trace", options.trace,
-                   "record what happens to every frame and write it to this file at the end");
+    addTraceOption(app, options.trace);
 }
 
 // The slave introduces itself to the master in one record of this size; the library would refuse, too.

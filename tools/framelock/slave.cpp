@@ -17,19 +17,6 @@
 
 namespace {
 
-const char* resultName(kor::KorLogicClient::WAIT_RESULT result) {
-    switch (result) {
-    case kor::KorLogicClient::WAIT_LERP:
-        return "lerp";
-    case kor::KorLogicClient::WAIT_HIT:
-        return "hit";
-    case kor::KorLogicClient::WAIT_OVER_HIT:
-        return "over_hit";
-    default:
-        return "none";
-    }
-}
-
 /// The clock of the master as seen from here, in milliseconds.
 struct MasterClock {
     double offset = -1e9; ///< exactly -1e9 while unknown
